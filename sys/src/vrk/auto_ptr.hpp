@@ -1,0 +1,91 @@
+// vrk/auto_ptr.hpp: an owning pointer that carries the allocator its object
+// came from.
+//
+// Releasing it destroys the complete object through its virtual destructor
+// and returns the complete object's memory (found through run-time type
+// information) to that allocator. Ownership moves on copy, through
+// `impl::auto_ptr_ref`, as with the classic auto_ptr, and on move.
+#pragma once
+
+#include <type_traits>
+#include <utility>
+
+#include "vrk/memory.hpp"
+
+namespace vrk {
+
+// Deleter policy: destroy in place, free to the carried allocator.
+struct default_deleter {};
+
+namespace impl {
+template <class T> struct auto_ptr_ref {
+    T* p_object_;
+    allocator* p_alloc_;
+};
+} // namespace impl
+
+template <class T, class D = default_deleter> class auto_ptr {
+public:
+    auto_ptr() noexcept = default;
+    auto_ptr(T* p, allocator* alloc) noexcept : p_object_(p), p_alloc_(alloc) {}
+    auto_ptr(impl::auto_ptr_ref<T> r) noexcept // NOLINT: implicit by design
+        : p_object_(r.p_object_), p_alloc_(r.p_alloc_) {}
+    auto_ptr(auto_ptr&& o) noexcept : p_object_(o.p_object_), p_alloc_(o.p_alloc_) {
+        o.p_object_ = nullptr;
+    }
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+    auto_ptr(auto_ptr<U, D>&& o) noexcept // NOLINT: implicit by design
+        : p_object_(o.get()), p_alloc_(o.get_allocator()) {
+        o.release();
+    }
+    auto_ptr& operator=(auto_ptr&& o) noexcept {
+        if (this != &o) {
+            reset_c_();
+            p_object_ = std::exchange(o.p_object_, nullptr);
+            p_alloc_ = o.p_alloc_;
+        }
+        return *this;
+    }
+    ~auto_ptr() { reset_c_(); }
+
+    // Hands ownership over, leaving this pointer empty.
+    operator impl::auto_ptr_ref<T>() noexcept { // NOLINT: implicit by design
+        impl::auto_ptr_ref<T> r{p_object_, p_alloc_};
+        p_object_ = nullptr;
+        return r;
+    }
+
+    T* get() const noexcept { return p_object_; }
+    T* operator->() const noexcept { return p_object_; }
+    T& operator*() const noexcept { return *p_object_; }
+    explicit operator bool() const noexcept { return p_object_ != nullptr; }
+    allocator* get_allocator() const noexcept { return p_alloc_; }
+
+    // Gives up ownership without destroying.
+    T* release() noexcept { return std::exchange(p_object_, nullptr); }
+    void reset() noexcept { reset_c_(); }
+    void reset(T* p, allocator* alloc) noexcept {
+        reset_c_();
+        p_object_ = p;
+        p_alloc_ = alloc;
+    }
+
+private:
+    void reset_c_() noexcept {
+        T* p = std::exchange(p_object_, nullptr);
+        if (p == nullptr)
+            return;
+        void* whole;
+        if constexpr (std::is_polymorphic_v<T>)
+            whole = dynamic_cast<void*>(p);
+        else
+            whole = p;
+        p->~T();
+        p_alloc_->deallocate(whole);
+    }
+
+    T* p_object_ = nullptr;
+    allocator* p_alloc_ = nullptr;
+};
+
+} // namespace vrk

@@ -1,0 +1,232 @@
+// vrk/exception.hpp: the exception class of the vrk library.
+//
+// A `vrk::exception` is a small handle: the message chain, named arguments,
+// throw location and links to appended exceptions live in a shared,
+// reference-counted data block, which copies share. Building, copying,
+// inspecting and releasing an exception never throws: allocations are
+// no-throw and a failure degrades into a recorded code or a fallback text.
+// Throw sites build the exception with file and line, append messages and
+// arguments, call `register_on_thread()` and then the virtual `do_throw()`.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "vrk/base/faultprot_cstring.hpp"
+#include "vrk/base/impl/exception_data.hpp"
+#include "vrk/error_registry.hpp"
+#include "vrk/ext/noncopyable.hpp"
+#include "vrk/import.hpp"
+#include "vrk/iosfwd.hpp"
+#include "vrk/memory.hpp"
+
+namespace vrk {
+
+template <class T> class auto_object;
+
+// Forward iterator over the message nodes of one exception.
+class message_iterator {
+public:
+    message_iterator() noexcept = default;
+    explicit message_iterator(const exception_node* node) noexcept : p_node_(node) {}
+
+    const exception_node& operator*() const noexcept { return *p_node_; }
+    const exception_node* operator->() const noexcept { return p_node_; }
+    message_iterator& operator++() noexcept {
+        p_node_ = p_node_->next();
+        return *this;
+    }
+    message_iterator operator++(int) noexcept {
+        message_iterator old = *this;
+        p_node_ = p_node_->next();
+        return old;
+    }
+    friend bool operator==(const message_iterator& a, const message_iterator& b) noexcept {
+        return a.p_node_ == b.p_node_;
+    }
+
+private:
+    const exception_node* p_node_ = nullptr;
+};
+
+class exception {
+public:
+    // Passed as `caller` to ask for no stack capture.
+    static inline const void* const CALLER_SUPPRESS_STACK_TRACE =
+        reinterpret_cast<const void*>(~uintptr_t{0});
+
+    using print_function = void (*)(const exception&, ostream&);
+
+    // From the default allocator. `caller` is the code address at which the
+    // stack capture starts; without it, the code that called the constructor.
+    exception(const char* fname, int line, const error_code& error, const void* caller) noexcept;
+    exception(const char* fname, int line, const error_code& error) noexcept;
+    exception(const exception& a) noexcept;
+    exception& operator=(const exception& a) noexcept;
+
+    virtual ~exception();
+    // The first message of the exception; never null, never allocates.
+    virtual const char* what() const noexcept;
+    // Registers this object on the calling thread and throws a copy of it.
+    virtual void do_throw();
+
+    // A sharing copy of this object, of the base class and not registered,
+    // built in `exc`'s storage after destroying what `exc` held.
+    exception* copy(auto_object<exception>& exc) const noexcept;
+
+    int error_no() const noexcept;
+    faultprot_cstring file() const noexcept;
+    int line() const noexcept;
+    bool is_identified_by(const error_code& e) const noexcept;
+
+    // Equal only when both have a block and it is the same block.
+    bool operator==(const exception& other) const noexcept;
+    bool operator!=(const exception& other) const noexcept { return !(*this == other); }
+
+    // Iteration over the message nodes; `begin` marks the exception processed.
+    message_iterator begin() const noexcept;
+    static message_iterator end() noexcept { return message_iterator(); }
+
+    // The next exception of the chain (sharing its block), or an empty
+    // exception at the end. Marks this one processed.
+    exception get_next() const noexcept;
+
+    // Appends `a`'s chain behind the last exception of this chain. Does
+    // nothing when either has no block, both share one, `a` already belongs
+    // to a chain, or `a`'s chain already contains this exception (which would
+    // close a loop). `a` leaves the thread's registration list in every case
+    // except `a` being this object.
+    void append_exp(const exception& a) noexcept;
+
+    void mark_processed() const noexcept;
+    // True while the processed flag is clear; false without a block.
+    bool is_processed() const noexcept;
+    // Reports the exception to the host as caught, then marks it processed.
+    void dump() const;
+
+    // Registration on the calling thread's list of live exceptions.
+    void register_on_thread() const noexcept;
+    void unregister_on_thread() const noexcept;
+    const exception* get_next_registered() const noexcept;
+    static const exception* get_first_registered() noexcept;
+
+    // Appends a further message behind the last node (text copied).
+    void append_message(const char* fname, int line, int err_no, const char* msg) noexcept;
+
+    // The optional print hook used by `print` in place of the long form.
+    void set_print_function(print_function f) noexcept { f_print_ = f; }
+    print_function get_print_function() const noexcept { return f_print_; }
+
+    // Read-only view of the shared block, null without one; for diagnostics
+    // and tests.
+    const volatile exception_data* data() const noexcept { return p_fst_; }
+
+protected:
+    exception(const char* fname, int line, int err_no, const char* msg, const void* caller) noexcept;
+    explicit exception(volatile exception_data* ptr) noexcept;
+
+    virtual void store_type(ostream& os) const;
+
+    // Supplied by the host.
+    static allocator& default_allocator();
+
+    // Registers, clears the processed flag; the first half of every do_throw.
+    void prepare_throw_() noexcept;
+
+private:
+    friend class exception_test_access;
+
+    exception(allocator& alloc, const char* fname, int line, const error_code& error,
+              const void* caller) noexcept;
+    exception() noexcept;
+
+    void init_(allocator& alloc, const char* fname, int line, int err_no, const char* msg,
+               const void* caller) noexcept;
+    void init_(const exception& a) noexcept;
+    void swap_(exception& e) noexcept;
+    void release_() noexcept;
+    exception_data* block_() const noexcept { return const_cast<exception_data*>(p_fst_); }
+
+    bool register_on_thread_() const noexcept;
+    vrk_extern::unhandled* unregister_on_thread_() const noexcept;
+
+    volatile exception_data* p_fst_;
+    mutable const exception* p_next_reg_;
+    exception_node* p_lst_;
+    faultprot_cstring file_;
+    int line_;
+    int err_no_;
+    print_function f_print_;
+};
+
+// Appends `add_exp` to `exp`'s chain; returns `exp`.
+exception& operator<<(exception& exp, const exception& add_exp) noexcept;
+
+// The library's derived error classes. Each can be built from an error code,
+// or from a message text with the class's own registry number. All but
+// logic_error throw themselves with their own type.
+#define VRK_DERIVED_EXCEPTION_CONSTRUCTORS(NAME)                                                  \
+public:                                                                                            \
+    NAME(const char* fname, int line, const error_code& error, const void* caller) noexcept      \
+        : exception(fname, line, error.err_no_, error.err_text_, caller) {}                      \
+    NAME(const char* fname, int line, const error_code& error) noexcept;                         \
+    NAME(const char* fname, int line, const char* msg, const void* caller) noexcept;             \
+                                                                                                   \
+protected:                                                                                         \
+    explicit NAME(volatile exception_data* ptr) noexcept : exception(ptr) {}                     \
+                                                                                                   \
+public:
+
+class runtime_error : public exception {
+    VRK_DERIVED_EXCEPTION_CONSTRUCTORS(runtime_error)
+    void do_throw() override;
+};
+
+class logic_error : public exception {
+    VRK_DERIVED_EXCEPTION_CONSTRUCTORS(logic_error)
+};
+
+class overflow_error : public exception {
+    VRK_DERIVED_EXCEPTION_CONSTRUCTORS(overflow_error)
+    void do_throw() override;
+};
+
+class underflow_error : public exception {
+    VRK_DERIVED_EXCEPTION_CONSTRUCTORS(underflow_error)
+    void do_throw() override;
+};
+
+class rvalue_error : public exception {
+    VRK_DERIVED_EXCEPTION_CONSTRUCTORS(rvalue_error)
+    void do_throw() override;
+};
+
+namespace impl {
+
+class throw_check_base : private non_copyable {
+public:
+    // Ends the process through the host: a do_throw returned.
+    [[noreturn]] static void throw_returned() noexcept;
+};
+
+// Throws an exception through its own virtual do_throw, so the thrown object
+// keeps its class, and treats a return from it as a broken invariant. For a
+// class that is not a vrk::exception, a copy of the object is thrown as it is.
+template <class T> class throw_check : public throw_check_base {
+public:
+    explicit throw_check(const T& e) noexcept : p_exp_(const_cast<T*>(&e)) {}
+
+    [[noreturn]] void do_throw() {
+        doThrow_(p_exp_);
+        throw_returned();
+    }
+
+private:
+    static void doThrow_(exception* e) { e->do_throw(); }
+    static void doThrow_(void* e) { throw *static_cast<T*>(e); }
+
+    T* const p_exp_;
+};
+
+} // namespace impl
+} // namespace vrk

@@ -1,0 +1,72 @@
+// The test host: defines the host hooks and the default allocator for the
+// test binaries, with behaviour each test sets and counters each test reads.
+// `host_fixture` resets it before and checks the default allocator's balance
+// after every test that uses it.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/test_allocator.hpp"
+#include "vrk/exception.hpp"
+
+namespace vrk_test {
+
+struct host_settings {
+    // save_stack_trace records no frame.
+    bool capture_no_frame = false;
+    // stdFileName keeps only the part after the last '/'.
+    bool basename_files = false;
+    // Called from forgotten_exception / caught_exception when set.
+    std::function<void(const vrk::exception&)> on_forgotten;
+    std::function<void(const vrk::exception&)> on_caught;
+    // What get_registered_exception answers instead of the real head, when set.
+    bool fake_head = false;
+    const vrk::exception* fake_head_value = nullptr;
+};
+
+// Host calls seen on the calling thread (registration) or process-wide.
+struct host_counters {
+    std::atomic<int> forgotten{0};
+    std::atomic<int> caught{0};
+    std::atomic<int> unhandled{0};
+    std::atomic<int> captures{0};
+};
+
+// One registration call of the calling thread, for exact sequence checks.
+struct host_event {
+    enum kind { REGISTER, UNREGISTER, ADD_RECENT, UNHANDLED, GET_HEAD } what;
+    const vrk::exception* arg;
+    bool operator==(const host_event&) const = default;
+};
+
+host_settings& settings();
+host_counters& counters();
+// Registration events of the calling thread, in order.
+std::vector<host_event>& thread_events();
+// The thread's head as the host keeps it.
+const vrk::exception* thread_head();
+// Error numbers of the exceptions reported as forgotten, in order.
+std::vector<int> forgotten_errors();
+
+// The allocator behind vrk::exception::default_allocator() in tests; a test
+// may redirect it.
+test_allocator& default_test_allocator();
+void set_default_allocator(vrk::allocator* a); // null restores the test one
+
+void reset_host();
+
+// Resets the host before each test; afterwards checks that the default
+// allocator got back everything it handed out and nothing was released twice.
+class host_fixture : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    long balance_at_start_ = 0;
+};
+
+} // namespace vrk_test
