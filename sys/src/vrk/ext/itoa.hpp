@@ -172,6 +172,8 @@ inline constexpr uint64_t POW10_[20] = {0,
 // count or one less; one comparison settles it.
 template <class U>
 inline uint32_t dec_digits_(U u) noexcept {
+    if (u < 100) // short texts are common; skip the bit scan
+        return 1u + (u >= 10 ? 1u : 0u);
     const uint32_t t = static_cast<uint32_t>(std::bit_width(u | 1u)) * 1233u >> 12;
     return t + (u >= POW10_[t] ? 1u : 0u);
 }
@@ -217,10 +219,18 @@ inline char* write_integer_backward(T nmb, char* buf, FmtFlags io_flags) noexcep
     const uint32_t base = io_flags & FmtFlags_basefield;
     if (base == FmtFlags_hex) {
         const char* table = hexCharTable((io_flags & FmtFlags_uppercase) != 0);
-        do {
+        // Two digits per step halves the loop's unpredictable exits.
+        while (u >= 0x100) {
+            buf -= 2;
+            buf[0] = table[(u >> 4) & 15];
+            buf[1] = table[u & 15];
+            u >>= 8;
+        }
+        if (u >= 0x10) {
             *--buf = table[u & 15];
             u >>= 4;
-        } while (u != 0);
+        }
+        *--buf = table[u];
         return buf;
     }
     if (base == FmtFlags_oct) {
