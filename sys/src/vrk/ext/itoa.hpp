@@ -147,26 +147,11 @@ inline constexpr digit_pairs_ DIGIT_PAIRS_{};
 
 // 0, 10, 100, ...: the smallest value with t + 1 digits at index t (0 at
 // index 0 makes the value 0 count one digit).
-inline constexpr uint64_t POW10_[20] = {0,
-                                         10ull,
-                                         100ull,
-                                         1000ull,
-                                         10000ull,
-                                         100000ull,
-                                         1000000ull,
-                                         10000000ull,
-                                         100000000ull,
-                                         1000000000ull,
-                                         10000000000ull,
-                                         100000000000ull,
-                                         1000000000000ull,
-                                         10000000000000ull,
-                                         100000000000000ull,
-                                         1000000000000000ull,
-                                         10000000000000000ull,
-                                         100000000000000000ull,
-                                         1000000000000000000ull,
-                                         10000000000000000000ull};
+inline constexpr uint64_t POW10_[20] = {
+    0, 10ull, 100ull, 1000ull, 10000ull, 100000ull, 1000000ull, 10000000ull, 100000000ull,
+    1000000000ull, 10000000000ull, 100000000000ull, 1000000000000ull, 10000000000000ull,
+    100000000000000ull, 1000000000000000ull, 10000000000000000ull, 100000000000000000ull,
+    1000000000000000000ull, 10000000000000000000ull};
 
 // Decimal digits of `u`: bit width * log10(2) (1233 / 4096) is the digit
 // count or one less; one comparison settles it.
