@@ -67,14 +67,19 @@ unsigned long write_integer(T a, char* buf, FmtFlags io_flags, int width) noexce
 // Checked conversion in radix 2..36 into `length` characters at `buf`. `width`
 // 0 asks for the natural text with terminator, otherwise for exactly `width`
 // zero-padded characters without one. Returns `buf`, or null when the radix
-// is bad, `length` is 0 or the text does not fit; the buffer then holds a
-// clipped text (see itoa.cpp). Never writes past `length` characters.
+// is bad (nothing written), `length` is 0 (nothing written) or the text does
+// not fit. The buffer then holds a clipped text that callers may use: with a
+// width, radix 8/10/16 keep the last `width` characters of a longer text and
+// other radixes the first; without one, the start of the text and a
+// terminator (details in itoa.cpp). Never writes past `length` characters.
 template <class T>
 char* iToA(T i, char* buf, uint32_t length, int radix, uint32_t width) noexcept;
 
 } // namespace impl
 
-// The decimal text of `i` with terminator in `buf`; returns `buf`.
+// The decimal text of `i` with terminator in `buf`; returns `buf`, so that
+// the text can be passed on in the same expression. Arrays of fewer than 21
+// characters do not compile.
 template <class T, size_t N>
 char* itoa(T i, char (&buf)[N]) noexcept;
 
