@@ -134,8 +134,11 @@ protected:
     void prepare_throw_() noexcept;
 
 private:
-    friend class exception_test_access;
+    template <class T> friend class auto_object;
+    struct sharing_copy_tag {};
 
+    // A sharing copy that leaves the registration where it is.
+    exception(const exception& a, sharing_copy_tag) noexcept;
     exception(allocator& alloc, const char* fname, int line, const error_code& error,
               const void* caller) noexcept;
     exception() noexcept;

@@ -1,0 +1,336 @@
+// The exception handle: creation, copying, assignment, release with the
+// forgotten-exception report, throwing, accessors, chains and messages.
+#include "vrk/exception.hpp"
+
+#include <cstring>
+#include <new>
+
+#include "vrk/base/impl/exception_source.hpp"
+#include "vrk/ext/auto_object.hpp"
+
+namespace vrk {
+
+namespace {
+const exception* const NOT_REGISTERED = reinterpret_cast<const exception*>(uintptr_t{1});
+const char* const UNDEFINED_FILE_NAME = "UNDEFINED FILE NAME";
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Construction
+
+exception::exception(allocator& alloc, const char* fname, int line, const error_code& error,
+                     const void* caller) noexcept
+    : p_next_reg_(NOT_REGISTERED), file_(nullptr), f_print_(nullptr) {
+    init_(alloc, fname, line, error.err_no_, error.err_text_, caller);
+}
+
+exception::exception(const char* fname, int line, const error_code& error,
+                     const void* caller) noexcept
+    : p_next_reg_(NOT_REGISTERED), file_(nullptr), f_print_(nullptr) {
+    init_(default_allocator(), fname, line, error.err_no_, error.err_text_, caller);
+}
+
+// Not inlined: the throw location starts where this constructor returns to.
+__attribute__((noinline)) exception::exception(const char* fname, int line,
+                                               const error_code& error) noexcept
+    : p_next_reg_(NOT_REGISTERED), file_(nullptr), f_print_(nullptr) {
+    init_(default_allocator(), fname, line, error.err_no_, error.err_text_,
+          __builtin_return_address(0));
+}
+
+exception::exception(const char* fname, int line, int err_no, const char* msg,
+                     const void* caller) noexcept
+    : p_next_reg_(NOT_REGISTERED), file_(nullptr), f_print_(nullptr) {
+    init_(default_allocator(), fname, line, err_no, msg, caller);
+}
+
+exception::exception(volatile exception_data* ptr) noexcept
+    : p_fst_(ptr), p_next_reg_(NOT_REGISTERED), p_lst_(nullptr), file_(UNDEFINED_FILE_NAME),
+      line_(-1), err_no_(-2), f_print_(nullptr) {
+    if (ptr == nullptr)
+        return;
+    ptr->increment();
+    exception_data* block = block_();
+    err_no_ = block->err_no_;
+    line_ = block->node_.line_;
+    if (block->node_.file_.get() != nullptr)
+        file_ = block->node_.file_;
+    p_lst_ = ptr->last_node();
+}
+
+// The empty exception: no block, not registered.
+exception::exception() noexcept : exception(static_cast<volatile exception_data*>(nullptr)) {}
+
+exception::exception(const exception& a) noexcept : p_next_reg_(NOT_REGISTERED) {
+    init_(a);
+    // The registration follows the copy: this is how the object thrown by
+    // do_throw stays registered while the original is destroyed.
+    if (a.p_next_reg_ != NOT_REGISTERED) {
+        register_on_thread_();
+        a.unregister_on_thread();
+    }
+}
+
+exception::exception(const exception& a, sharing_copy_tag) noexcept
+    : p_next_reg_(NOT_REGISTERED) {
+    init_(a);
+}
+
+void exception::init_(allocator& alloc, const char* fname, int line, int err_no,
+                      const char* msg, const void* caller) noexcept {
+    const size_t len = msg != nullptr ? std::strlen(msg) : 0;
+    const size_t size = exception_data::allocation_size(len);
+    // Kept in the object before allocating, so they survive its failure.
+    file_ = vrk_extern::import::stdFileName(fname);
+    line_ = line;
+    err_no_ = err_no;
+    void* raw = alloc.allocateNoThrow(size, caller);
+    if (raw == nullptr) {
+        p_fst_ = nullptr;
+        p_lst_ = nullptr;
+        return;
+    }
+    const auto offset = static_cast<uint8_t>((16 - reinterpret_cast<uintptr_t>(raw) % 16) % 16);
+    auto* block = ::new (static_cast<char*>(raw) + offset) exception_data;
+    block->init(&alloc, offset, fname, line, err_no, msg, len, caller);
+    p_fst_ = block;
+    p_lst_ = &block->node_;
+}
+
+void exception::init_(const exception& a) noexcept {
+    p_fst_ = a.p_fst_;
+    p_lst_ = a.p_lst_;
+    f_print_ = a.f_print_;
+    file_ = a.file_;
+    line_ = a.line_;
+    err_no_ = a.err_no_;
+    p_next_reg_ = NOT_REGISTERED;
+    if (p_fst_ != nullptr)
+        p_fst_->increment();
+}
+
+void exception::swap_(exception& e) noexcept {
+    std::swap(p_fst_, e.p_fst_);
+    std::swap(p_lst_, e.p_lst_);
+    std::swap(f_print_, e.f_print_);
+    std::swap(file_, e.file_);
+    std::swap(line_, e.line_);
+    std::swap(err_no_, e.err_no_);
+}
+
+exception& exception::operator=(const exception& a) noexcept {
+    if (&a == this)
+        return *this;
+    exception old(a); // takes over a's registration, ends it when destroyed
+    swap_(old);
+    // An exception overwritten by assignment is never reported as forgotten.
+    if (old.p_fst_ != nullptr)
+        old.p_fst_->set_done();
+    return *this;
+}
+
+// ---------------------------------------------------------------------------
+// Release
+
+exception::~exception() {
+    unregister_on_thread();
+    p_lst_ = nullptr;
+    release_();
+}
+
+void exception::release_() noexcept {
+    volatile exception_data* block = p_fst_;
+    if (block == nullptr || !block->decrement())
+        return;
+    if (!block->done()) {
+        // Copies the host makes while looking at it must not release the
+        // block a second time: give them a count to take from.
+        block->pc_.store(nullptr, 1);
+        vrk_extern::import::forgotten_exception(*this);
+    }
+    // Release this block and every following one that nobody else holds.
+    for (;;) {
+        volatile exception_data* next = block->next();
+        exception_data::destroy(block);
+        if (next == nullptr || !next->unlink_pred())
+            break;
+        block = next;
+    }
+    p_fst_ = nullptr;
+}
+
+exception* exception::copy(auto_object<exception>& exc) const noexcept {
+    return exc.emplace<exception>(*this, sharing_copy_tag{});
+}
+
+// ---------------------------------------------------------------------------
+// Throwing
+
+void exception::prepare_throw_() noexcept {
+    register_on_thread_();
+    if (p_fst_ != nullptr)
+        p_fst_->clear_done();
+}
+
+void exception::do_throw() {
+    prepare_throw_();
+    throw *this;
+}
+
+void impl::throw_check_base::throw_returned() noexcept {
+    vrk_extern::import::abort(impl::EXCEPTION_SOURCE_FILE, __LINE__,
+                              "Throwing an exception returned, aborting");
+}
+
+// ---------------------------------------------------------------------------
+// Accessors
+
+int exception::error_no() const noexcept { return p_fst_ != nullptr ? p_fst_->err_no_ : err_no_; }
+
+faultprot_cstring exception::file() const noexcept {
+    if (p_fst_ != nullptr && block_()->node_.file_.get() != nullptr)
+        return block_()->node_.file_;
+    return file_;
+}
+
+int exception::line() const noexcept { return p_fst_ != nullptr ? block_()->node_.line_ : line_; }
+
+bool exception::is_identified_by(const error_code& e) const noexcept {
+    return error_no() == e.err_no_;
+}
+
+bool exception::operator==(const exception& other) const noexcept {
+    return p_fst_ != nullptr && p_fst_ == other.p_fst_;
+}
+
+const char* exception::what() const noexcept {
+    return p_fst_ != nullptr ? block_()->node_.message() : "";
+}
+
+void exception::store_type(ostream&) const {}
+
+message_iterator exception::begin() const noexcept {
+    if (p_fst_ == nullptr)
+        return end();
+    p_fst_->set_done();
+    return message_iterator(&block_()->node_);
+}
+
+exception exception::get_next() const noexcept {
+    if (p_fst_ == nullptr)
+        return exception(static_cast<volatile exception_data*>(nullptr));
+    p_fst_->set_done();
+    return exception(p_fst_->next());
+}
+
+void exception::mark_processed() const noexcept {
+    if (p_fst_ != nullptr)
+        p_fst_->set_done();
+}
+
+// True while nobody has looked at the exception. Nothing in the facility
+// reads it; it tells a caller whether the exception still counts as news.
+bool exception::is_processed() const noexcept { return p_fst_ != nullptr && !p_fst_->done(); }
+
+void exception::dump() const {
+    vrk_extern::import::caught_exception(*this);
+    mark_processed();
+}
+
+// ---------------------------------------------------------------------------
+// Chains
+
+void exception::append_exp(const exception& a) noexcept {
+    if (&a == this)
+        return;
+    // An appended exception is no longer a pending exception of its own.
+    a.unregister_on_thread();
+    if (p_fst_ == nullptr || a.p_fst_ == nullptr || p_fst_ == a.p_fst_)
+        return;
+    // Appending a chain that already holds this block would close a loop
+    // that nothing ever releases: refuse it. The walk sees the chain as it is
+    // now; two threads appending two chains into each other at the same
+    // instant are not detected.
+    for (volatile exception_data* b = a.p_fst_->next(); b != nullptr; b = b->next())
+        if (b == p_fst_)
+            return;
+    if (!a.p_fst_->lock_chain())
+        return;
+    volatile exception_data* last;
+    for (;;) {
+        last = p_fst_;
+        while (volatile exception_data* next = last->next())
+            last = next;
+        volatile exception_data* expected = nullptr;
+        if (__atomic_compare_exchange_n(&last->p_next_, &expected, a.p_fst_, false,
+                                        __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+            break;
+        // Another thread appended meanwhile: walk again from the head.
+    }
+    a.p_fst_->update_pred(last);
+    p_fst_->clear_done();
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+}
+
+exception& operator<<(exception& exp, const exception& add_exp) noexcept {
+    exp.append_exp(add_exp);
+    return exp;
+}
+
+// ---------------------------------------------------------------------------
+// Messages
+
+void exception::append_message(const char* fname, int line, int err_no, const char* msg) noexcept {
+    if (p_fst_ == nullptr || p_lst_->out_of_memory())
+        return;
+    p_fst_->clear_done();
+    const size_t len = msg != nullptr ? std::strlen(msg) : 0;
+    void* raw = p_fst_->p_ma_->allocateNoThrow(exception_node::allocation_size(len),
+                                               __builtin_return_address(0));
+    if (raw == nullptr) {
+        p_lst_->bad_alloc_ = exception_node::MESSAGE_FAILED;
+        return;
+    }
+    auto* node = ::new (raw) exception_node;
+    node->init_(fname, line, err_no, msg, len);
+    // Take over the last node's successor: nodes another copy appended
+    // behind it stay in the list.
+    node->p_next_ = p_lst_->p_next_;
+    p_lst_->p_next_ = node;
+    p_lst_ = node;
+}
+
+// ---------------------------------------------------------------------------
+// Derived error classes
+
+#define VRK_DEFINE_DERIVED_EXCEPTION(NAME, CODE)                                                  \
+    __attribute__((noinline)) NAME::NAME(const char* fname, int line,                            \
+                                         const error_code& error) noexcept                       \
+        : exception(fname, line, error.err_no_, error.err_text_, __builtin_return_address(0)) {} \
+    NAME::NAME(const char* fname, int line, const char* msg, const void* caller) noexcept        \
+        : exception(fname, line, CODE.number(), msg, caller) {}
+
+VRK_DEFINE_DERIVED_EXCEPTION(runtime_error, ERR_VRK_RUNTIME)
+VRK_DEFINE_DERIVED_EXCEPTION(logic_error, ERR_VRK_LOGIC)
+VRK_DEFINE_DERIVED_EXCEPTION(overflow_error, ERR_VRK_OVERFLOW)
+VRK_DEFINE_DERIVED_EXCEPTION(underflow_error, ERR_VRK_UNDERFLOW)
+VRK_DEFINE_DERIVED_EXCEPTION(rvalue_error, ERR_VRK_RVALUE)
+
+void runtime_error::do_throw() {
+    prepare_throw_();
+    throw *this;
+}
+void overflow_error::do_throw() {
+    prepare_throw_();
+    throw *this;
+}
+void underflow_error::do_throw() {
+    prepare_throw_();
+    throw *this;
+}
+void rvalue_error::do_throw() {
+    prepare_throw_();
+    throw *this;
+}
+
+} // namespace vrk

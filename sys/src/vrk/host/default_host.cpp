@@ -1,0 +1,180 @@
+// The default host: the hooks a product supplies, in a form that lets the
+// facility run on its own.
+//
+// File names are kept as given; stacks are captured with the unwinder of the
+// language runtime (never resolving symbols and never allocating on the
+// capture path); forgotten exceptions are noted on the error output; each
+// thread's registration head lives in a thread-local callback object; aborts
+// report to the error output and end the process; the default allocator is
+// the platform heap.
+#include <unwind.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "vrk/exception.hpp"
+#include "vrk/import.hpp"
+
+namespace {
+
+// Writes straight to file descriptor 2: usable while memory is exhausted.
+void write_error_output(const char* text, size_t len) noexcept {
+    while (len > 0) {
+        const ssize_t n = ::write(2, text, len);
+        if (n <= 0)
+            return;
+        text += n;
+        len -= static_cast<size_t>(n);
+    }
+}
+
+// Writes what snprintf formatted into a buffer of `cap` bytes (it returns
+// the untruncated length, or a negative value on error).
+void write_formatted(const char* text, int n, size_t cap) noexcept {
+    if (n > 0)
+        write_error_output(text, static_cast<size_t>(n) < cap ? static_cast<size_t>(n) : cap - 1);
+}
+
+// --- stack capture ---------------------------------------------------------
+
+struct capture_state {
+    void** frames;
+    unsigned max_frames;
+    unsigned count;
+    const void* caller;
+    bool started; // the frame of `caller` has been seen
+    unsigned skipped;
+};
+
+// Frames of the capture itself (this callback's caller chain inside the
+// facility) are skipped until the frame that returns to `caller`. Should
+// `caller` never show up (a tail call, or an address that is no return
+// address), the capture is made again from the top without skipping.
+_Unwind_Reason_Code collect_frame(_Unwind_Context* context, void* arg) {
+    auto* state = static_cast<capture_state*>(arg);
+    const void* ip = reinterpret_cast<const void*>(_Unwind_GetIP(context));
+    if (ip == nullptr)
+        return _URC_END_OF_STACK;
+    if (!state->started) {
+        if (ip != state->caller) {
+            if (++state->skipped > 256)
+                return _URC_END_OF_STACK;
+            return _URC_NO_REASON;
+        }
+        state->started = true;
+    }
+    state->frames[state->count++] = const_cast<void*>(ip);
+    return state->count < state->max_frames ? _URC_NO_REASON : _URC_END_OF_STACK;
+}
+
+// The unwinder finds and caches the unwind tables on first use; doing that
+// once at start-up keeps the first capture from paying for it inside a
+// failing path.
+struct unwinder_warm_up {
+    unwinder_warm_up() noexcept {
+        void* frames[4];
+        capture_state state{frames, 4, 0, nullptr, true, 0};
+        _Unwind_Backtrace(collect_frame, &state);
+    }
+} g_unwinder_warm_up;
+
+// --- per-thread registration head -------------------------------------------
+
+class default_unhandled final : public vrk_extern::unhandled {
+public:
+    void unhandled_exception(const vrk::exception& e) override {
+        char line[256];
+        const int n = std::snprintf(line, sizeof line,
+                                    "vrk: exception %d (%s:%d) was not registered on this thread\n",
+                                    e.error_no(), e.file().get() ? e.file().get() : "?", e.line());
+        write_formatted(line, n, sizeof line);
+    }
+    bool is_test_handler() override { return false; }
+    void add_recent_exception(const vrk::exception&) override {}
+    void register_exception(const vrk::exception& e) override { head_ = &e; }
+    void unregister_exception(const vrk::exception&) override { head_ = nullptr; }
+    const vrk::exception* get_registered_exception() override { return head_; }
+    void abort(const char* file, int line, const char* msg) override {
+        vrk_extern::import::abort(file, line, msg);
+    }
+    void halt(const char* file, int line, const char* msg) override {
+        vrk_extern::import::abort(file, line, msg);
+    }
+
+private:
+    const vrk::exception* head_ = nullptr;
+};
+
+// --- the platform heap ------------------------------------------------------
+
+class heap_allocator final : public vrk::allocator {
+public:
+    void* allocateNoThrow(size_t size, const void*) noexcept override {
+        return std::malloc(size != 0 ? size : 1);
+    }
+    void* allocate(size_t size, const void*) override {
+        void* p = std::malloc(size != 0 ? size : 1);
+        if (p == nullptr)
+            throw std::bad_alloc();
+        return p;
+    }
+    void* allocate(size_t size) override { return allocate(size, nullptr); }
+    void deallocate(void* p) noexcept override { std::free(p); }
+};
+
+} // namespace
+
+const char* vrk_extern::import::stdFileName(const char* fname) noexcept { return fname; }
+
+unsigned vrk_extern::import::save_stack_trace(void** frames, unsigned max_frames,
+                                              const void* caller) noexcept {
+    if (max_frames == 0)
+        return 0;
+    capture_state state{frames, max_frames, 0, caller, caller == nullptr, 0};
+    _Unwind_Backtrace(collect_frame, &state);
+    if (state.count == 0 && !state.started) {
+        // `caller` was not on the stack: record from the top instead.
+        state = capture_state{frames, max_frames, 0, nullptr, true, 0};
+        _Unwind_Backtrace(collect_frame, &state);
+    }
+    return state.count;
+}
+
+void vrk_extern::import::caught_exception(const vrk::exception&) {}
+
+void vrk_extern::import::forgotten_exception(const vrk::exception& e) noexcept {
+    char line[512];
+    const char* file = e.file().get();
+    const int n = std::snprintf(line, sizeof line,
+                                "vrk: exception %d thrown at %s:%d was never looked at: %s\n",
+                                e.error_no(), file != nullptr ? file : "?", e.line(), e.what());
+    write_formatted(line, n, sizeof line);
+}
+
+vrk_extern::unhandled* vrk_extern::import::get_unhandled_callback() noexcept {
+    thread_local default_unhandled callback;
+    return &callback;
+}
+
+void vrk_extern::import::abort(const char* file, int line, const char* msg) noexcept {
+    char text[512];
+    const int n = std::snprintf(text, sizeof text, "vrk abort: %s:%d: %s\n", file, line, msg);
+    write_formatted(text, n, sizeof text);
+    std::abort();
+}
+
+void vrk_extern::import::abort(const char* file, int line, const char* msg, long value) noexcept {
+    char text[512];
+    const int n = std::snprintf(text, sizeof text, "vrk abort: %s:%d: %s%ld\n", file, line, msg,
+                                value);
+    write_formatted(text, n, sizeof text);
+    std::abort();
+}
+
+vrk::allocator& vrk::exception::default_allocator() {
+    static heap_allocator heap; // trivially destructible in effect: no state
+    return heap;
+}
