@@ -1,0 +1,213 @@
+// The exception handle: forgotten-exception reports, copies, assignment,
+// comparison, throwing with the right class, and life without memory.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/test_host.hpp"
+#include "vrk/ext/auto_object.hpp"
+
+namespace {
+
+using vrk_test::counters;
+using vrk_test::host_fixture;
+
+const vrk::error_code CODE5{5, "five", nullptr};
+const vrk::error_code OTHER5{5, "another text", nullptr};
+const vrk::error_code CODE6{6, "six", nullptr};
+
+using ExceptionLifecycle = host_fixture;
+
+TEST_F(ExceptionLifecycle, ForgottenIsReportedOnceAndOnlyWhenNobodyLooked) {
+    { vrk::exception e("f", 1, CODE5); }
+    EXPECT_EQ(counters().forgotten, 1);
+
+    // Each kind of inspection silences the report.
+    { vrk::exception e("f", 1, CODE5); e.mark_processed(); }
+    { vrk::exception e("f", 1, CODE5); (void)e.begin(); }
+    { vrk::exception e("f", 1, CODE5); e.dump(); }
+    { vrk::exception e("f", 1, CODE5); (void)e.get_next(); }
+    { vrk::exception e("f", 1, CODE5); e = vrk::exception("g", 2, CODE6); e.mark_processed(); }
+    EXPECT_EQ(counters().forgotten, 1);
+    EXPECT_EQ(counters().caught, 1);
+
+    // what() is no inspection; copies are reported once, by the last holder.
+    {
+        vrk::exception e("f", 1, CODE5);
+        (void)e.what();
+        vrk::exception c1(e), c2(e);
+    }
+    EXPECT_EQ(counters().forgotten, 2);
+
+    // Copying after an inspection makes the exception news again.
+    {
+        vrk::exception e("f", 1, CODE5);
+        e.mark_processed();
+        vrk::exception c(e);
+        EXPECT_TRUE(c.is_processed()) << "a fresh reference clears the processed flag";
+    }
+    EXPECT_EQ(counters().forgotten, 3);
+}
+
+TEST_F(ExceptionLifecycle, ForgottenHookSeesWholeChainAndItsCopiesDoNotReportAgain) {
+    std::string seen;
+    vrk_test::settings().on_forgotten = [&](const vrk::exception& e) {
+        vrk::exception copy(e); // copies made during the report
+        for (vrk::exception x = copy; x.data() != nullptr; x = x.get_next())
+            for (const auto& node : x)
+                seen += std::string(node.message()) + ";";
+    };
+    {
+        vrk::exception head("f", 1, CODE5);
+        head.append_message("f", 2, 5, "more");
+        vrk::exception tail("f", 3, CODE6);
+        head << tail;
+    }
+    EXPECT_EQ(seen, "five;more;six;");
+    EXPECT_EQ(counters().forgotten, 1);
+}
+
+TEST_F(ExceptionLifecycle, AccessorsComparisonAndIdentity) {
+    vrk::exception e("dir/a.cpp", 17, CODE5);
+    e.mark_processed();
+    vrk::exception c(e);
+    c.mark_processed();
+    vrk::exception other("dir/a.cpp", 17, CODE5);
+    other.mark_processed();
+    EXPECT_TRUE(e == c);
+    EXPECT_FALSE(e != c);
+    EXPECT_FALSE(e == other) << "equal contents, different blocks";
+    EXPECT_TRUE(e.is_identified_by(OTHER5)) << "only the number counts";
+    EXPECT_FALSE(e.is_identified_by(CODE6));
+    EXPECT_EQ(e.error_no(), 5);
+    EXPECT_EQ(e.line(), 17);
+    EXPECT_STREQ(e.file().get(), "dir/a.cpp");
+    EXPECT_STREQ(e.what(), "five");
+
+    vrk_test::settings().basename_files = true;
+    vrk::exception b("dir/sub/b.cpp", 3, CODE5);
+    b.mark_processed();
+    EXPECT_STREQ(b.file().get(), "b.cpp");
+}
+
+TEST_F(ExceptionLifecycle, GetNextAtTheEndIsAnEmptyException) {
+    vrk::exception e("f", 1, CODE5);
+    vrk::exception n = e.get_next();
+    EXPECT_EQ(n.data(), nullptr);
+    EXPECT_STREQ(n.file().get(), "UNDEFINED FILE NAME");
+    EXPECT_EQ(n.line(), -1);
+    EXPECT_EQ(n.error_no(), -2);
+    EXPECT_FALSE(n == n) << "exceptions without a block are never equal";
+    EXPECT_TRUE(n != n);
+    EXPECT_FALSE(n.is_processed());
+}
+
+TEST_F(ExceptionLifecycle, SelfAssignmentChangesNothing) {
+    vrk::exception e("f", 1, CODE5);
+    e.register_on_thread();
+    vrk_test::thread_events().clear();
+    vrk::exception& same = e;
+    e = same;
+    EXPECT_TRUE(vrk_test::thread_events().empty());
+    EXPECT_EQ(vrk::exception::get_first_registered(), &e);
+    e.unregister_on_thread();
+    e.mark_processed();
+}
+
+TEST_F(ExceptionLifecycle, CopyIntoHolderIsAnUnregisteredBaseObject) {
+    vrk::runtime_error e("f", 1, CODE5);
+    e.register_on_thread();
+    vrk::auto_object<vrk::exception> holder;
+    vrk::exception* first = e.copy(holder);
+    EXPECT_EQ(first, holder.get());
+    EXPECT_TRUE(*first == e);
+    EXPECT_EQ(typeid(*first), typeid(vrk::exception)) << "the base class, whatever e is";
+    EXPECT_EQ(first->get_next_registered(), nullptr);
+    EXPECT_EQ(vrk::exception::get_first_registered(), &e) << "no registration moved";
+
+    vrk::exception other("g", 2, CODE6);
+    other.mark_processed();
+    other.copy(holder); // destroys the held copy of e first
+    EXPECT_TRUE(*holder == other);
+    e.unregister_on_thread();
+    e.mark_processed();
+    holder.destruct_();
+    EXPECT_EQ(counters().forgotten, 0);
+}
+
+template <class T> void expect_thrown_as(bool own_type) {
+    T e("f", 1, CODE5, nullptr);
+    try {
+        vrk::impl::throw_check<T>(e).do_throw();
+    } catch (const T& caught) {
+        EXPECT_TRUE(own_type) << typeid(T).name() << " should be thrown as vrk::exception";
+        EXPECT_TRUE(caught == e);
+        caught.mark_processed();
+        return;
+    } catch (const vrk::exception& caught) {
+        EXPECT_FALSE(own_type) << typeid(T).name() << " lost its class when thrown";
+        caught.mark_processed();
+        return;
+    }
+}
+
+TEST_F(ExceptionLifecycle, EachClassIsThrownWithItsOwnType) {
+    expect_thrown_as<vrk::runtime_error>(true);
+    expect_thrown_as<vrk::overflow_error>(true);
+    expect_thrown_as<vrk::underflow_error>(true);
+    expect_thrown_as<vrk::rvalue_error>(true);
+    expect_thrown_as<vrk::logic_error>(false);
+    EXPECT_EQ(counters().forgotten, 0);
+
+    // Text constructors take the class's own registry number.
+    vrk::overflow_error o("f", 1, "too big", nullptr);
+    o.mark_processed();
+    EXPECT_EQ(o.error_no(), vrk::ERR_VRK_OVERFLOW.number());
+    EXPECT_STREQ(o.what(), "too big");
+}
+
+TEST_F(ExceptionLifecycle, ThrowCheckThrowsOtherTypesAsTheyAre) {
+    EXPECT_THROW(vrk::impl::throw_check<std::string>(std::string("x")).do_throw(), std::string);
+}
+
+struct returning_exception : vrk::exception {
+    returning_exception() : vrk::exception("f", 1, CODE5, nullptr) { mark_processed(); }
+    void do_throw() override {}
+};
+
+TEST_F(ExceptionLifecycle, ThrowThatReturnsAborts) {
+    EXPECT_DEATH(
+        {
+            returning_exception e;
+            vrk::impl::throw_check<returning_exception>(e).do_throw();
+        },
+        "sys/src/vrk/base/impl/exception:[0-9]+: Throwing an exception returned, aborting");
+}
+
+TEST_F(ExceptionLifecycle, EverythingWorksWithAnAllocatorThatAlwaysFails) {
+    vrk_test::test_allocator broken;
+    broken.fail_from(0);
+    vrk_test::set_default_allocator(&broken);
+    {
+        vrk::exception e("f", 9, CODE5);
+        vrk::exception c(e);
+        EXPECT_FALSE(e == c);
+        EXPECT_EQ(c.error_no(), 5);
+        EXPECT_EQ(c.line(), 9);
+        EXPECT_TRUE(e.begin() == e.end());
+        e.append_message("f", 1, 1, "lost");
+        vrk::exception x("g", 1, CODE6);
+        e << x;
+        (void)e.what();
+        try {
+            e.do_throw();
+        } catch (const vrk::exception& caught) {
+            EXPECT_EQ(caught.error_no(), 5);
+        }
+    }
+    EXPECT_EQ(counters().forgotten, 0);
+    EXPECT_EQ(broken.balance(), 0);
+    vrk_test::set_default_allocator(nullptr);
+}
+
+} // namespace
