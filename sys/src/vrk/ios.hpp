@@ -31,10 +31,12 @@ public:
     // the length of a scope and installs the mask `st` (which applies the
     // state-change rule to the current state). The destructor puts the saved
     // values back by plain assignment: restoring the mask never raises.
-    class stream_guard : private non_copyable {
+    class stream_guard {
     public:
         stream_guard(basic_ios& strm, iostate st);
         ~stream_guard();
+        stream_guard(const stream_guard&) = delete;
+        stream_guard& operator=(const stream_guard&) = delete;
 
     private:
         basic_ios* const p_stream_;

@@ -37,13 +37,15 @@ num_put::iter_type put_padded(num_put::iter_type out, ios_base& str, char fill,
 // The digits of `mag` in the stream's base; returns their count.
 size_t format_digits(unsigned long mag, ios_base::fmtflags flags, char* buf) {
     const ios_base::fmtflags base = flags & ios_base::basefield;
-    int conv = impl::FmtFlags_dec;
+    impl::FmtFlags conv = impl::FmtFlags_dec;
     if (base == ios_base::oct)
         conv = impl::FmtFlags_oct;
+    else if (base == ios_base::hex && (flags & ios_base::uppercase) != 0)
+        conv = impl::FmtFlags_hex | impl::FmtFlags_uppercase;
     else if (base == ios_base::hex)
-        conv = impl::FmtFlags_hex | ((flags & ios_base::uppercase) != 0 ? impl::FmtFlags_uppercase : 0);
+        conv = impl::FmtFlags_hex;
     // The count includes the terminator.
-    return impl::write_integer<unsigned long>(mag, buf, static_cast<impl::FmtFlags>(conv), 0) - 1;
+    return impl::write_integer<unsigned long>(mag, buf, conv, 0) - 1;
 }
 
 // Writes an integer whose magnitude is `mag` and whose sign is `negative`
