@@ -51,7 +51,7 @@ template <class T, class Wide> istream_t& extract_narrow(istream_t& is, T& v, Wi
 
 basic_istream<char>::sentry::sentry(basic_istream& is, bool noskip) : ok_(false) {
     ios_base::iostate recorded = ios_base::goodbit;
-    if (is.good()) {
+    if (is.good() && is.rdbuf() != nullptr) {
         if (is.tie() != nullptr)
             impl::ostreamFlush(*is.tie());
         if (!noskip && (is.flags() & ios_base::skipws) != 0) {
@@ -75,7 +75,7 @@ basic_istream<char>::sentry::sentry(basic_istream& is, bool noskip) : ok_(false)
             if (ctype_missing)
                 basic_ios<char>::require_facet_(nullptr);
         }
-        if (is.good() && recorded == ios_base::goodbit) {
+        if (is.good() && recorded == ios_base::goodbit && is.rdbuf() != nullptr) {
             ok_ = true;
             return;
         }

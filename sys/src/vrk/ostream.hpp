@@ -32,13 +32,14 @@ template <> class basic_ostream<char> : virtual public basic_ios<char> {
 public:
     // The output sentry: flushes a tied stream while the state is good;
     // converts to true when output may proceed, and otherwise has set failbit
-    // (under the state-change rule).
+    // (badbit too without a buffer) under the state-change rule.
     class sentry {
     public:
         explicit sentry(basic_ostream& os) {
             if (os.tie() != nullptr && os.good())
                 impl::ostreamFlush(*os.tie());
-            ok_ = os.good();
+            // A stream without a buffer starts good but can write nothing.
+            ok_ = os.good() && os.rdbuf() != nullptr;
             if (!ok_)
                 os.setstate(failbit);
         }
