@@ -8,34 +8,20 @@
 // else passes untouched. The region itself never allocates.
 #pragma once
 
-#include <cxxabi.h>
+#include <type_traits>
 
-#include <exception>
-
-#include "vrk/exception.hpp"
 #include "vrk/ios.hpp"
 
 namespace vrk::impl {
 
-// Runs `f`; returns false when an exception left it and was absorbed.
+// Runs fn(ctx) inside the region; returns false when an exception left it
+// and was absorbed.
+bool run_stream_region(basic_ios<char>& s, void (*fn)(void*), void* ctx);
+
 template <class F> bool stream_region(basic_ios<char>& s, F&& f) {
-    try {
-        f();
-        return true;
-    } catch (abi::__forced_unwind&) {
-        s.set_state_quiet_(ios_base::badbit);
-        throw;
-    } catch (exception& e) {
-        s.set_state_quiet_(ios_base::badbit);
-        if ((s.exceptions() & ios_base::badbit) != 0)
-            throw;
-        e.dump();
-    } catch (std::exception&) {
-        s.set_state_quiet_(ios_base::badbit);
-        if ((s.exceptions() & ios_base::badbit) != 0)
-            throw;
-    }
-    return false;
+    using fn_type = std::remove_reference_t<F>;
+    return run_stream_region(
+        s, [](void* p) { (*static_cast<fn_type*>(p))(); }, static_cast<void*>(&f));
 }
 
 } // namespace vrk::impl
