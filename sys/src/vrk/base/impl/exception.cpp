@@ -269,7 +269,9 @@ void exception::append_exp(const exception& a) noexcept {
     }
     a.p_fst_->update_pred(last);
     p_fst_->clear_done();
-    __atomic_thread_fence(__ATOMIC_RELEASE);
+    // No separate fence: the link was published by an acquire-release
+    // compare-and-swap and the predecessor word by a release of its slot
+    // lock, which order every earlier store for the threads that read them.
 }
 
 exception& operator<<(exception& exp, const exception& add_exp) noexcept {

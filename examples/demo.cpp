@@ -1,0 +1,58 @@
+// A small tour of the exception facility with the default host: an error
+// thrown deep in a worker, caught, wrapped in a higher-level error with a
+// further message, and walked as a chain.
+#include <cstdio>
+#include <thread>
+
+#include "vrk/exception.hpp"
+
+namespace {
+
+const vrk::error_code ERR_DISK_FULL{5001, "Disk full while writing the journal", nullptr};
+const vrk::error_code ERR_SAVE_FAILED{5002, "Saving the document failed", nullptr};
+
+[[noreturn]] void write_journal() {
+    vrk::runtime_error e("examples/demo.cpp", __LINE__, ERR_DISK_FULL);
+    e.append_message("examples/demo.cpp", __LINE__, 5001, "Journal segment 17 of 20");
+    e.register_on_thread();
+    vrk::impl::throw_check<vrk::runtime_error>(e).do_throw();
+}
+
+void save_document() {
+    try {
+        write_journal();
+    } catch (const vrk::exception& cause) {
+        vrk::runtime_error e("examples/demo.cpp", __LINE__, ERR_SAVE_FAILED);
+        e << cause; // the cause travels behind the new error
+        e.register_on_thread();
+        vrk::impl::throw_check<vrk::runtime_error>(e).do_throw();
+    }
+}
+
+void print_chain(const vrk::exception& head) {
+    int depth = 0;
+    for (vrk::exception x = head; x.data() != nullptr; x = x.get_next(), ++depth) {
+        std::printf("%*s[%d] error %d at %s:%d, %u frames recorded\n", depth * 2, "", depth,
+                    x.error_no(), x.file().get(), x.line(), x.data()->buff_sz_);
+        for (const vrk::exception_node& node : x)
+            std::printf("%*s    %s\n", depth * 2, "", node.message());
+    }
+}
+
+} // namespace
+
+int main() {
+    int status = 1;
+    std::thread worker([&] {
+        try {
+            save_document();
+        } catch (const vrk::exception& e) {
+            std::printf("caught on the worker thread: %s\n", e.what());
+            print_chain(e);
+            status = e.is_identified_by(ERR_SAVE_FAILED) && e.get_next().is_identified_by(ERR_DISK_FULL) ? 0 : 1;
+        }
+    });
+    worker.join();
+    std::printf(status == 0 ? "demo: ok\n" : "demo: unexpected chain\n");
+    return status;
+}

@@ -1,0 +1,75 @@
+// The default host, linked as a product links it (vrk::vrk): stack capture
+// from the caller's frame, per-thread registration, reports on the error
+// output, and aborts.
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "vrk/exception.hpp"
+
+namespace {
+
+const vrk::error_code CODE{21, "default host", nullptr};
+
+__attribute__((noinline)) unsigned capture_here(void** frames, const void** expected_first) {
+    *expected_first = __builtin_return_address(0);
+    return vrk_extern::import::save_stack_trace(frames, 32, __builtin_return_address(0));
+}
+
+TEST(DefaultHost, CaptureStartsAtTheCallersFrame) {
+    void* frames[32] = {};
+    const void* first = nullptr;
+    const unsigned n = capture_here(frames, &first);
+    ASSERT_GE(n, 2u) << "at least this test and gtest's caller";
+    EXPECT_LE(n, 32u);
+    EXPECT_EQ(frames[0], first);
+    void* few[2] = {};
+    EXPECT_EQ(vrk_extern::import::save_stack_trace(few, 2, nullptr), 2u) << "max_frames respected";
+}
+
+TEST(DefaultHost, ExceptionsCaptureTheirThrowLocation) {
+    vrk::exception e("dir/file.cpp", 5, CODE);
+    e.mark_processed();
+    EXPECT_STREQ(e.file().get(), "dir/file.cpp") << "names are kept as given";
+    ASSERT_NE(e.data(), nullptr);
+    EXPECT_GT(e.data()->buff_sz_, 0u);
+    EXPECT_EQ(e.begin()->bad_alloc(), 0);
+}
+
+TEST(DefaultHost, RegistrationHeadIsPerThread) {
+    vrk::exception e("f", 1, CODE);
+    e.mark_processed();
+    e.register_on_thread();
+    EXPECT_EQ(vrk::exception::get_first_registered(), &e);
+    std::thread([] { EXPECT_EQ(vrk::exception::get_first_registered(), nullptr); }).join();
+    e.unregister_on_thread();
+    EXPECT_EQ(vrk::exception::get_first_registered(), nullptr);
+}
+
+TEST(DefaultHost, ForgottenExceptionIsNotedOnTheErrorOutput) {
+    testing::internal::CaptureStderr();
+    { vrk::exception e("dir/file.cpp", 5, CODE); }
+    const std::string out = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(out, "vrk: exception 21 thrown at dir/file.cpp:5 was never looked at: default host\n");
+}
+
+TEST(DefaultHost, AbortsReportAndEndTheProcess) {
+    EXPECT_DEATH(vrk_extern::import::abort("some/file", 12, "Broken"), "vrk abort: some/file:12: Broken");
+    EXPECT_DEATH(vrk_extern::import::abort("some/file", 13, "Unexpected link, aborting: ", 1L),
+                 "vrk abort: some/file:13: Unexpected link, aborting: 1");
+}
+
+struct allocator_access : vrk::exception {
+    using vrk::exception::default_allocator;
+};
+
+TEST(DefaultHost, DefaultAllocatorIsThePlatformHeap) {
+    vrk::allocator& a = allocator_access::default_allocator();
+    void* p = a.allocateNoThrow(100, nullptr);
+    ASSERT_NE(p, nullptr);
+    a.deallocate(p);
+    EXPECT_EQ(a.allocateNoThrow(~size_t{0} / 2, nullptr), nullptr);
+    EXPECT_THROW(a.allocate(~size_t{0} / 2), std::bad_alloc);
+}
+
+} // namespace

@@ -1,0 +1,175 @@
+// Chains: appending, release order whichever handle goes last, refused
+// appends, the shared word's states and the lock table.
+#include <vector>
+
+#include "support/test_host.hpp"
+
+namespace {
+
+using vrk::exception;
+using vrk::exception_data;
+using vrk_test::counters;
+using vrk_test::host_fixture;
+using vrk_test::test_allocator;
+
+const vrk::error_code A{1, "a", nullptr}, B{2, "b", nullptr}, C{3, "c", nullptr},
+    D{4, "d", nullptr};
+
+uint64_t count_of(const exception& e) {
+    auto* d = const_cast<volatile exception_data*>(e.data());
+    return exception_data::pc_type::counter_of(d->pc_.read());
+}
+const volatile exception_data* pred_of(const exception& e) {
+    auto* d = const_cast<volatile exception_data*>(e.data());
+    return exception_data::pc_type::pointer_of(d->pc_.read());
+}
+std::vector<int> chain_numbers(const exception& head) {
+    std::vector<int> out;
+    for (exception x = head; x.data() != nullptr; x = x.get_next())
+        out.push_back(x.error_no());
+    return out;
+}
+
+class ExceptionChain : public host_fixture {
+protected:
+    void SetUp() override {
+        host_fixture::SetUp();
+        vrk_test::set_default_allocator(&alloc_);
+    }
+    void TearDown() override {
+        EXPECT_EQ(alloc_.balance(), 0) << "a block of a chain was never released";
+        EXPECT_EQ(alloc_.bad_releases(), 0) << "a block was released twice";
+        host_fixture::TearDown();
+    }
+    // Blocks (with their stack buffers) still held.
+    long live_blocks() const { return alloc_.balance() / 2; }
+    test_allocator alloc_;
+};
+
+TEST_F(ExceptionChain, AppendsLinkBehindTheLastBlockInOrder) {
+    exception a("f", 1, A), b("f", 2, B), c("f", 3, C), d("f", 4, D);
+    a << b << c;
+    a.append_exp(d);
+    EXPECT_EQ(chain_numbers(a), (std::vector<int>{1, 2, 3, 4}));
+    EXPECT_EQ(pred_of(b), a.data());
+    EXPECT_EQ(pred_of(d), c.data());
+    EXPECT_EQ(count_of(b), 1u) << "appending takes no reference";
+    for (exception* e : {&a, &b, &c, &d})
+        e->mark_processed();
+}
+
+TEST_F(ExceptionChain, RefusedAppendsLinkNothing) {
+    exception a("f", 1, A), b("f", 2, B), c("f", 3, C);
+    a.append_exp(a);                  // itself
+    exception a2(a);
+    a.append_exp(a2);                 // same block
+    a << b;
+    c << b;                           // b already belongs to a's chain
+    b << a;                           // would close a loop a -> b -> a
+    EXPECT_EQ(chain_numbers(a), (std::vector<int>{1, 2}));
+    EXPECT_EQ(chain_numbers(c), (std::vector<int>{3}));
+    EXPECT_EQ(chain_numbers(b), (std::vector<int>{2}));
+    for (exception* e : {&a, &a2, &b, &c})
+        e->mark_processed();
+}
+
+TEST_F(ExceptionChain, LoopThroughALongerChainIsRefused) {
+    exception a("f", 1, A), b("f", 2, B), c("f", 3, C);
+    a << b;
+    b << c;   // a -> b -> c
+    c << a;   // a's chain holds c: refused
+    EXPECT_EQ(chain_numbers(a), (std::vector<int>{1, 2, 3}));
+    for (exception* e : {&a, &b, &c})
+        e->mark_processed();
+}
+
+TEST_F(ExceptionChain, LinkedBlockOutlivesItsLastHandle) {
+    {
+        exception a("f", 1, A);
+        a.mark_processed();
+        {
+            exception b("f", 2, B);
+            a << b;
+        } // b's handle goes first: its block stays, linked at count 0
+        EXPECT_EQ(live_blocks(), 2);
+        exception b2 = a.get_next();
+        EXPECT_EQ(b2.error_no(), 2);
+        EXPECT_EQ(count_of(b2), 1u);
+    }
+    EXPECT_EQ(live_blocks(), 0);
+    EXPECT_EQ(counters().forgotten, 0) << "blocks behind the head are released silently";
+}
+
+TEST_F(ExceptionChain, HeadGoesFirstWhileACopyHoldsTheTail) {
+    exception b("f", 2, B);
+    b.mark_processed();
+    exception b2(b);
+    b2.mark_processed();
+    {
+        exception a("f", 1, A);
+        a.mark_processed();
+        a << b;
+    }
+    EXPECT_EQ(live_blocks(), 1) << "only the head was released";
+    EXPECT_EQ(pred_of(b), nullptr) << "the tail lost its predecessor";
+    EXPECT_EQ(count_of(b), 2u);
+}
+
+TEST_F(ExceptionChain, ReleaseStopsAtTheFirstHeldBlockAndGoesOnLater) {
+    exception c("f", 3, C);
+    c.mark_processed();
+    {
+        exception a("f", 1, A), b("f", 2, B);
+        a.mark_processed();
+        a << b << c;
+    } // a released with b; c is held
+    EXPECT_EQ(live_blocks(), 1);
+    EXPECT_EQ(pred_of(c), nullptr);
+}
+
+TEST_F(ExceptionChain, SharedWordStates) {
+    exception a("f", 1, A);
+    a.mark_processed();
+    auto* d = const_cast<volatile exception_data*>(a.data());
+    EXPECT_EQ(count_of(a), 1u);
+    d->increment();
+    EXPECT_FALSE(d->decrement());
+    // Being linked: a last reference going away does not kill the block.
+    ASSERT_TRUE(d->lock_chain());
+    EXPECT_FALSE(d->lock_chain()) << "a second claim fails";
+    d->increment();
+    EXPECT_FALSE(d->decrement());
+    EXPECT_EQ(pred_of(a), vrk::PREV_LINK_LOCK);
+    EXPECT_FALSE(d->unlink_pred()) << "count still 1";
+    EXPECT_EQ(pred_of(a), nullptr);
+}
+
+TEST_F(ExceptionChain, WordsInTheSameLockSlotStayIndependent) {
+    alignas(16) vrk::atomic_dword_t words[702 * 2 / 2 + 1] = {};
+    // words[0] and words[701] lie 701 * 16 bytes apart: the same slot.
+    volatile vrk::atomic_dword_t& x = words[0];
+    volatile vrk::atomic_dword_t& y = words[701];
+    ASSERT_EQ(vrk::impl::Atomic128CAS::slot(&x), vrk::impl::Atomic128CAS::slot(&y));
+    using op = vrk::impl::AtomicOperation<16>;
+    op::write(x, {1, 2});
+    op::write(y, {3, 4});
+    vrk::atomic_dword_t prev;
+    EXPECT_FALSE(op::cas(x, {3, 4}, {9, 9}, prev));
+    EXPECT_EQ(prev, (vrk::atomic_dword_t{1, 2}));
+    EXPECT_TRUE(op::cas(y, {3, 4}, {5, 6}, prev));
+    EXPECT_EQ(op::read(x), (vrk::atomic_dword_t{1, 2}));
+    EXPECT_EQ(op::read(y), (vrk::atomic_dword_t{5, 6}));
+    EXPECT_EQ(op::xchg(y, {7, 8}), (vrk::atomic_dword_t{5, 6}));
+}
+
+TEST_F(ExceptionChain, CompletingALinkThatWasNotClaimedAborts) {
+    EXPECT_DEATH(
+        {
+            exception a("f", 1, A);
+            a.mark_processed();
+            const_cast<volatile exception_data*>(a.data())->update_pred(nullptr);
+        },
+        "sys/src/vrk/base/impl/exception:[0-9]+: Unexpected link, aborting: 0");
+}
+
+} // namespace
