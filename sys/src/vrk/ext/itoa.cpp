@@ -10,7 +10,9 @@ uint32_t min_(uint32_t a, uint32_t b) noexcept { return a < b ? a : b; }
 
 // Writes the first min(length, width) characters of `count` characters of
 // `text` padded with zeros in front to `width` (count <= width). The padded
-// text is never built, so a width beyond any scratch array costs nothing.
+// text is never built, so a width larger than the scratch array and the
+// buffer gives the same result as any other: the buffer filled with the start
+// of the padded text, and null.
 void copy_padded_(char* buf, uint32_t length, const char* text, uint32_t count,
                   uint32_t width) noexcept {
     const uint32_t n = min_(length, width);

@@ -67,14 +67,19 @@ unsigned long write_integer(T a, char* buf, FmtFlags io_flags, int width) noexce
 // Checked conversion in radix 2..36 into `length` characters at `buf`. `width`
 // 0 asks for the natural text with terminator, otherwise for exactly `width`
 // zero-padded characters without one. Returns `buf`, or null when the radix
-// is bad, `length` is 0 or the text does not fit; the buffer then holds a
-// clipped text (see itoa.cpp). Never writes past `length` characters.
+// is bad (nothing written), `length` is 0 (nothing written) or the text does
+// not fit. The buffer then holds a clipped text that callers may use: with a
+// width, radix 8/10/16 keep the last `width` characters of a longer text and
+// other radixes the first; without one, the start of the text and a
+// terminator (details in itoa.cpp). Never writes past `length` characters.
 template <class T>
 char* iToA(T i, char* buf, uint32_t length, int radix, uint32_t width) noexcept;
 
 } // namespace impl
 
-// The decimal text of `i` with terminator in `buf`; returns `buf`.
+// The decimal text of `i` with terminator in `buf`; returns `buf`, so that
+// the text can be passed on in the same expression. Arrays of fewer than 21
+// characters do not compile.
 template <class T, size_t N>
 char* itoa(T i, char (&buf)[N]) noexcept;
 
@@ -147,31 +152,18 @@ inline constexpr digit_pairs_ DIGIT_PAIRS_{};
 
 // 0, 10, 100, ...: the smallest value with t + 1 digits at index t (0 at
 // index 0 makes the value 0 count one digit).
-inline constexpr uint64_t POW10_[20] = {0,
-                                         10ull,
-                                         100ull,
-                                         1000ull,
-                                         10000ull,
-                                         100000ull,
-                                         1000000ull,
-                                         10000000ull,
-                                         100000000ull,
-                                         1000000000ull,
-                                         10000000000ull,
-                                         100000000000ull,
-                                         1000000000000ull,
-                                         10000000000000ull,
-                                         100000000000000ull,
-                                         1000000000000000ull,
-                                         10000000000000000ull,
-                                         100000000000000000ull,
-                                         1000000000000000000ull,
-                                         10000000000000000000ull};
+inline constexpr uint64_t POW10_[20] = {
+    0, 10ull, 100ull, 1000ull, 10000ull, 100000ull, 1000000ull, 10000000ull, 100000000ull,
+    1000000000ull, 10000000000ull, 100000000000ull, 1000000000000ull, 10000000000000ull,
+    100000000000000ull, 1000000000000000ull, 10000000000000000ull, 100000000000000000ull,
+    1000000000000000000ull, 10000000000000000000ull};
 
 // Decimal digits of `u`: bit width * log10(2) (1233 / 4096) is the digit
 // count or one less; one comparison settles it.
 template <class U>
 inline uint32_t dec_digits_(U u) noexcept {
+    if (u < 100) // short texts are common; skip the bit scan
+        return 1u + (u >= 10 ? 1u : 0u);
     const uint32_t t = static_cast<uint32_t>(std::bit_width(u | 1u)) * 1233u >> 12;
     return t + (u >= POW10_[t] ? 1u : 0u);
 }
@@ -217,10 +209,18 @@ inline char* write_integer_backward(T nmb, char* buf, FmtFlags io_flags) noexcep
     const uint32_t base = io_flags & FmtFlags_basefield;
     if (base == FmtFlags_hex) {
         const char* table = hexCharTable((io_flags & FmtFlags_uppercase) != 0);
-        do {
+        // Two digits per step halves the loop's unpredictable exits.
+        while (u >= 0x100) {
+            buf -= 2;
+            buf[0] = table[(u >> 4) & 15];
+            buf[1] = table[u & 15];
+            u >>= 8;
+        }
+        if (u >= 0x10) {
             *--buf = table[u & 15];
             u >>= 4;
-        } while (u != 0);
+        }
+        *--buf = table[u];
         return buf;
     }
     if (base == FmtFlags_oct) {
