@@ -523,6 +523,23 @@ TEST(IosMisc, FaultprotCstringPrintsItsTextOrNothing) {
     EXPECT_TRUE(os.good());
 }
 
+TEST(IosMisc, WordStoreKeepsItsLocalSlotsAndNeverAllocates) {
+    scripted_buf buf;
+    vrk::ostream os(&buf);
+    const int a = vrk::ios_base::xalloc();
+    const int b = vrk::ios_base::xalloc();
+    EXPECT_NE(a, b);
+    os.iword(3) = 77;
+    os.pword(7) = &buf;
+    EXPECT_EQ(os.iword(3), 77);
+    EXPECT_EQ(os.pword(7), &buf);
+    // Beyond the local slots: a scratch word, zero again at each call.
+    os.iword(8) = 5;
+    EXPECT_EQ(os.iword(8), 0);
+    EXPECT_EQ(os.pword(-1), nullptr);
+    EXPECT_EQ(os.iword(3), 77);
+}
+
 TEST(IosMisc, IostreamSharesOneStateBetweenItsInputAndOutput) {
     scripted_buf buf;
     buf.set_input("5");
