@@ -248,6 +248,23 @@ TEST(StringBuf, ReadingSeekingAndPutBack) {
         EXPECT_EQ(ss.rdstate(), ios_base::eofbit | ios_base::failbit);
     }
     {
+        // Growth while reading: the read position survives the move.
+        vrk::sstream ss(alloc);
+        std::string all;
+        for (int i = 0; i < 1500; ++i)
+            all += static_cast<char>('A' + i % 23);
+        ss.write(all.data(), 600);
+        char head[10];
+        ss.read(head, 10);
+        ss.write(all.data() + 600, 900);
+        std::string rest(1490, '\0');
+        ss.read(rest.data(), 1490);
+        EXPECT_EQ(ss.gcount(), 1490);
+        EXPECT_EQ(std::string(head, 10) + rest, all);
+        EXPECT_EQ(ss.rdbuf()->in_avail(), 0);
+        EXPECT_TRUE(ss.good());
+    }
+    {
         vrk::string src(alloc);
         src.assign("-15 7", 5);
         vrk::isstream is(src);
