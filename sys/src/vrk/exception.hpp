@@ -19,10 +19,12 @@
 #include "vrk/import.hpp"
 #include "vrk/iosfwd.hpp"
 #include "vrk/memory.hpp"
+#include "vrk/string.hpp"
 
 namespace vrk {
 
 template <class T> class auto_object;
+
 
 // Forward iterator over the message nodes of one exception.
 class message_iterator {
@@ -48,6 +50,19 @@ public:
 private:
     const exception_node* p_node_ = nullptr;
 };
+
+namespace Impl {
+// Policies of the printer: what precedes each message's text. The long form
+// writes a heading line with the exception's index in the chain, error
+// number, file and line, then indents the text; the short form writes one
+// line per message.
+struct LongPrefix {
+    void print(ostream& os, message_iterator itr, int idx) const;
+};
+struct ShortPrefix {
+    void print(ostream& os, message_iterator itr, int idx) const;
+};
+} // namespace Impl
 
 class exception {
 public:
@@ -112,6 +127,23 @@ public:
 
     // Appends a further message behind the last node (text copied).
     void append_message(const char* fname, int line, int err_no, const char* msg) noexcept;
+    // Attaches a named argument (value copied) to the latest message.
+    void define_argument(const char* name, const char* val_str, bool force) noexcept;
+    // The value of the first argument of that name on the first message of
+    // this exception or of the exceptions appended to it; "" when none.
+    const char* get_msgarg_by_name(const char* name) const noexcept;
+
+    // The whole chain as text, one line per message (the short form), on
+    // `alloc`; `suppress_stack` leaves out every throw-location section.
+    string_retval what(allocator& alloc, bool suppress_stack) const noexcept;
+
+    // The long form, or the print hook's output when one is set.
+    void print(ostream& os) const;
+    // The long form, never the hook.
+    void print_default(ostream& os, bool suppress_stack, bool suppress_nested_stack) const;
+
+    // Number of recorded frames; stores the frame array in *p_st when asked.
+    int stack_trace(void*** p_st) const noexcept;
 
     // The optional print hook used by `print` in place of the long form.
     void set_print_function(print_function f) noexcept { f_print_ = f; }
@@ -150,6 +182,12 @@ private:
     void release_() noexcept;
     exception_data* block_() const noexcept { return const_cast<exception_data*>(p_fst_); }
 
+    template <class Prefix>
+    void print_(ostream& os, const Prefix& pref, bool suppress_stack,
+                bool suppress_nested_stack) const;
+    // The throw-location section of this exception.
+    void print_stack(ostream& os) const;
+
     bool register_on_thread_() const noexcept;
     vrk_extern::unhandled* unregister_on_thread_() const noexcept;
 
@@ -164,6 +202,9 @@ private:
 
 // Appends `add_exp` to `exp`'s chain; returns `exp`.
 exception& operator<<(exception& exp, const exception& add_exp) noexcept;
+
+// Prints `e` with `print`; returns `os`.
+ostream& operator<<(ostream& os, const exception& e);
 
 // The library's derived error classes. Each can be built from an error code,
 // or from a message text with the class's own registry number. All but

@@ -247,6 +247,19 @@ void write_integer_tail_(T a, char* buf, FmtFlags io_flags, uint32_t width) noex
 
 template <class T>
 inline unsigned long write_integer(T a, char* buf, FmtFlags io_flags, int width) noexcept {
+    if (width == 0) {
+        const auto u = itoa_traits_<T>::bits(a);
+        const uint32_t base = io_flags & FmtFlags_basefield;
+        if (u < 100 && base != FmtFlags_hex && base != FmtFlags_oct) {
+            // One or two digits without a branch on which: a single digit
+            // takes its pair's second character, and the terminator then
+            // replaces the character copied after it.
+            const uint32_t one = u < 10 ? 1u : 0u;
+            std::memcpy(buf, DIGIT_PAIRS_.text_ + 2 * u + one, 2);
+            buf[2 - one] = '\0';
+            return 3 - one;
+        }
+    }
     const uint32_t len = text_length_(a, io_flags);
     if (width == 0) {
         write_integer_backward(a, buf + len, io_flags);
