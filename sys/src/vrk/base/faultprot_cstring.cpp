@@ -1,7 +1,9 @@
-// Length and copy of a held file name; printing lives with the streams.
+// Length, copy and printing of a held file name.
 #include "vrk/base/faultprot_cstring.hpp"
 
 #include <cstring>
+
+#include "vrk/ostream.hpp"
 
 namespace vrk {
 
@@ -17,6 +19,11 @@ size_t faultprot_cstring::ncpy(char* dst, size_t n) const noexcept {
     if (i < n)
         dst[i] = '\0';
     return i;
+}
+
+void faultprot_cstring::print(vrk::ostream& os) const {
+    if (str_ != nullptr)
+        os << str_;
 }
 
 } // namespace vrk

@@ -1,0 +1,556 @@
+// The stream layer: padding, integer formatting, state bits and the
+// exceptions mask, absorption of buffer and facet exceptions by kind, short
+// reads, unit buffering, ties, the format guard and missing facets.
+#include <pthread.h>
+
+#include <climits>
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/test_host.hpp"
+#include "vrk/base/faultprot_cstring.hpp"
+#include "vrk/base/ios_failure.hpp"
+#include "vrk/base/num_put.hpp"
+#include "vrk/iomanip.hpp"
+#include "vrk/istream.hpp"
+#include "vrk/ostream.hpp"
+
+namespace {
+
+using vrk::ios_base;
+using vrk_test::counters;
+
+const vrk::error_code BUF_ERROR{4711, "buffer broke", nullptr};
+
+// A put area of `cap` characters; when it is full, overflow does what the
+// test asked for. A get area over `input`.
+class scripted_buf : public vrk::basic_streambuf<char> {
+public:
+    enum action { REFUSE, THROW_VRK, THROW_STD, THROW_INT, CANCEL_THREAD };
+
+    explicit scripted_buf(size_t cap = 256, action on_overflow = REFUSE)
+        : on_overflow_(on_overflow) {
+        setp(data_, data_ + cap);
+    }
+    void set_input(const std::string& text) {
+        input_ = text;
+        setg(input_.data(), input_.data(), input_.data() + input_.size());
+    }
+    std::string text() const { return std::string(pbase(), pptr()); }
+
+    int syncs = 0;
+    int sync_result = 0;
+
+protected:
+    int sync() override {
+        ++syncs;
+        return sync_result;
+    }
+    int overflow(int c) override {
+        switch (on_overflow_) {
+        case REFUSE:
+            return -1;
+        case THROW_VRK: {
+            vrk::runtime_error e("sys/src/vrk/test", 7, BUF_ERROR, __builtin_return_address(0));
+            e.register_on_thread();
+            e.do_throw();
+            break;
+        }
+        case THROW_STD:
+            throw std::runtime_error("std failure");
+        case THROW_INT:
+            throw 42;
+        case CANCEL_THREAD:
+            pthread_cancel(pthread_self());
+            pthread_testcancel();
+            break;
+        }
+        return c;
+    }
+
+private:
+    action on_overflow_;
+    char data_[4096];
+    std::string input_;
+};
+
+// Records the value the stream hands to the facet.
+class recording_num_put : public vrk::num_put {
+public:
+    mutable long last = 0;
+    mutable bool throw_next = false;
+
+protected:
+    iter_type do_put(iter_type out, ios_base& str, char fill, long v) const override {
+        last = v;
+        if (throw_next) {
+            vrk::runtime_error e("sys/src/vrk/test", 9, BUF_ERROR, __builtin_return_address(0));
+            e.register_on_thread();
+            e.do_throw();
+        }
+        return num_put::do_put(out, str, fill, v);
+    }
+};
+
+using IosMask = vrk_test::host_fixture;
+
+template <class T> std::string formatted(T v, ios_base::fmtflags flags, int width = 0, char fill = ' ') {
+    scripted_buf buf;
+    vrk::ostream os(&buf);
+    os.flags(flags);
+    os.fill(fill);
+    os << vrk::setw(width) << v;
+    EXPECT_TRUE(os.good());
+    EXPECT_EQ(os.width(), 0);
+    return buf.text();
+}
+
+TEST(IosFormat, TextIsPaddedToTheWidthOnTheChosenSide) {
+    {
+        scripted_buf buf;
+        vrk::ostream os(&buf);
+        os << vrk::setw(5) << "ab" << "|";
+        os.setf(ios_base::left, ios_base::adjustfield);
+        os << vrk::setw(5) << "ab" << "|";
+        os << vrk::setw(1) << "abc" << "|" << vrk::setfill('*') << vrk::setw(3) << 'x';
+        EXPECT_EQ(buf.text(), "   ab|ab   |abc|x**");
+        EXPECT_EQ(os.width(), 0);
+        EXPECT_TRUE(os.good());
+    }
+    {
+        // write ignores and keeps the width; put does not pad.
+        scripted_buf buf;
+        vrk::ostream os(&buf);
+        os.width(4);
+        os.write("ab", 2).put('c');
+        EXPECT_EQ(os.width(), 4);
+        os << "d";
+        EXPECT_EQ(buf.text(), "abc   d");
+    }
+}
+
+TEST(IosFormat, IntegersFollowBaseSignPrefixCaseAndAdjustment) {
+    const ios_base::fmtflags dec = ios_base::dec;
+    const ios_base::fmtflags hex = ios_base::hex;
+    const ios_base::fmtflags oct = ios_base::oct;
+    EXPECT_EQ(formatted(0L, dec), "0");
+    EXPECT_EQ(formatted(-42L, dec, 6), "   -42");
+    EXPECT_EQ(formatted(-42L, dec | ios_base::left, 6, '.'), "-42...");
+    EXPECT_EQ(formatted(-42L, dec | ios_base::internal, 6, '0'), "-00042");
+    EXPECT_EQ(formatted(42L, dec | ios_base::showpos), "+42");
+    EXPECT_EQ(formatted(0L, dec | ios_base::showpos), "+0");
+    EXPECT_EQ(formatted(LONG_MIN, dec), "-9223372036854775808");
+    EXPECT_EQ(formatted(LONG_MAX, dec), "9223372036854775807");
+    EXPECT_EQ(formatted(ULONG_MAX, dec | ios_base::showpos), "18446744073709551615");
+    EXPECT_EQ(formatted(255L, hex), "ff");
+    EXPECT_EQ(formatted(255L, hex | ios_base::showbase | ios_base::uppercase), "0XFF");
+    EXPECT_EQ(formatted(255L, hex | ios_base::showbase | ios_base::internal, 8, '0'), "0x0000ff");
+    EXPECT_EQ(formatted(0L, hex | ios_base::showbase), "0");
+    EXPECT_EQ(formatted(-1L, hex | ios_base::showpos), "ffffffffffffffff");
+    EXPECT_EQ(formatted(15L, oct | ios_base::showbase), "017");
+    EXPECT_EQ(formatted(-1, hex), "ffffffff");
+    EXPECT_EQ(formatted(-1, oct), "37777777777");
+    EXPECT_EQ(formatted(-1, dec), "-1");
+    EXPECT_EQ(formatted(static_cast<short>(-1), hex), "ffff");
+    EXPECT_EQ(formatted(4000000000U, dec), "4000000000");
+    EXPECT_EQ(formatted(static_cast<unsigned char>(200), dec), "\xc8");
+    EXPECT_EQ(formatted(true, dec), "1");
+    EXPECT_EQ(formatted(false, ios_base::boolalpha, 7), "  false");
+    EXPECT_EQ(formatted(reinterpret_cast<const void*>(0x1234), dec), "0x1234");
+    // No base flag at all means decimal.
+    EXPECT_EQ(formatted(-7L, static_cast<ios_base::fmtflags>(0)), "-7");
+}
+
+TEST(IosFormat, IntRuleHandsTheUnsignedPatternToTheFacetInOctAndHex) {
+    recording_num_put facet;
+    scripted_buf buf;
+    vrk::ostream os(&buf);
+    os.imbue(vrk::locale(vrk::locale::classic(), vrk::num_put::id, &facet));
+    os << -1;
+    EXPECT_EQ(facet.last, -1);
+    os << vrk::hex << -1;
+    EXPECT_EQ(facet.last, 4294967295L);
+    os << vrk::oct << INT_MIN;
+    EXPECT_EQ(facet.last, 2147483648L);
+    EXPECT_EQ(buf.text(), "-1ffffffff20000000000");
+}
+
+TEST(IosState, FailedStreamWritesNothingAndRaisesOnlyUnderTheMask) {
+    {
+        scripted_buf buf;
+        vrk::ostream os(&buf);
+        os.setstate(ios_base::eofbit);
+        os << "x" << 5L;
+        os.put('y');
+        os.write("z", 1);
+        EXPECT_EQ(buf.text(), "");
+        EXPECT_EQ(os.rdstate(), ios_base::eofbit | ios_base::failbit);
+        // A failed stream is still flushed.
+        os.flush();
+        EXPECT_EQ(buf.syncs, 1);
+    }
+    {
+        // No buffer: failbit and badbit.
+        vrk::ostream os(nullptr);
+        EXPECT_EQ(os.rdstate(), ios_base::goodbit);
+        os << "x";
+        EXPECT_EQ(os.rdstate(), ios_base::failbit | ios_base::badbit);
+    }
+    {
+        // A null C string sets badbit.
+        scripted_buf buf;
+        vrk::ostream os(&buf);
+        os << static_cast<const char*>(nullptr);
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+    }
+}
+
+TEST_F(IosMask, FailureOfAStateTheMaskCoversRaisesBasicIosClear) {
+    scripted_buf buf;
+    vrk::ostream os(&buf);
+    os.setstate(ios_base::eofbit);
+    os.exceptions(ios_base::failbit);
+    try {
+        os << "x";
+        FAIL() << "no failure raised";
+    } catch (const vrk::ios_failure& e) {
+        EXPECT_STREQ(e.what(), "basic_ios::clear");
+        EXPECT_STREQ(e.file().get(), "sys/src/vrk/ios");
+        EXPECT_GT(e.line(), 0);
+        EXPECT_EQ(e.error_no(), vrk::ERR_VRK_IOS.number());
+        e.mark_processed();
+    }
+    EXPECT_EQ(os.rdstate(), ios_base::eofbit | ios_base::failbit);
+    EXPECT_EQ(buf.text(), "");
+
+    // Setting a mask that covers the current state raises at once.
+    scripted_buf buf2;
+    vrk::ostream os2(&buf2);
+    os2.setstate(ios_base::eofbit);
+    EXPECT_THROW(os2.exceptions(ios_base::eofbit), vrk::ios_failure);
+}
+
+TEST(IosState, ShortWritesAndRefusedPaddingSetBadbit) {
+    {
+        scripted_buf buf(3);
+        vrk::ostream os(&buf);
+        os << "abcdef";
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+        EXPECT_EQ(buf.text(), "abc");
+        os << "g";
+        EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
+    }
+    {
+        // Right adjustment: the fill fails, so the text is skipped.
+        scripted_buf buf(2);
+        vrk::ostream os(&buf);
+        os << vrk::setw(4) << "ab";
+        EXPECT_EQ(buf.text(), "  ");
+        EXPECT_TRUE(os.bad());
+        EXPECT_EQ(os.width(), 0);
+    }
+    {
+        // Left adjustment: the text goes first, then the fill fails.
+        scripted_buf buf(3);
+        vrk::ostream os(&buf);
+        os << vrk::left << vrk::setw(4) << "ab";
+        EXPECT_EQ(buf.text(), "ab ");
+        EXPECT_TRUE(os.bad());
+    }
+    {
+        // A refused character of an integer fails the facet's iterator.
+        scripted_buf buf(2);
+        vrk::ostream os(&buf);
+        os << 12345L;
+        EXPECT_EQ(buf.text(), "12");
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+    }
+    {
+        scripted_buf buf(0);
+        vrk::ostream os(&buf);
+        os.put('x');
+        EXPECT_TRUE(os.bad());
+        scripted_buf buf2(1);
+        vrk::ostream os2(&buf2);
+        os2.write("xy", 2);
+        EXPECT_TRUE(os2.bad());
+        EXPECT_EQ(buf2.text(), "x");
+    }
+}
+
+using IosAbsorb = vrk_test::host_fixture;
+
+TEST_F(IosAbsorb, VrkExceptionFromTheBufferIsDumpedOrRethrownUnderBadbit) {
+    {
+        scripted_buf buf(2, scripted_buf::THROW_VRK);
+        vrk::ostream os(&buf);
+        os << "abc" << "d";
+        EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
+        EXPECT_EQ(counters().caught, 1);
+        EXPECT_EQ(buf.text(), "ab");
+    }
+    {
+        scripted_buf buf(2, scripted_buf::THROW_VRK);
+        vrk::ostream os(&buf);
+        os.exceptions(ios_base::badbit);
+        try {
+            os << "abc";
+            FAIL() << "the buffer's exception did not arrive";
+        } catch (const vrk::runtime_error& e) {
+            EXPECT_EQ(e.error_no(), 4711);
+            EXPECT_STREQ(e.what(), "buffer broke");
+            EXPECT_STREQ(e.file().get(), "sys/src/vrk/test");
+            e.mark_processed();
+        }
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+        EXPECT_EQ(counters().caught, 1);
+    }
+    {
+        // The same from the num_put facet.
+        recording_num_put facet;
+        facet.throw_next = true;
+        scripted_buf buf;
+        vrk::ostream os(&buf);
+        os.imbue(vrk::locale(vrk::locale::classic(), vrk::num_put::id, &facet));
+        os << 5L;
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+        EXPECT_EQ(counters().caught, 2);
+    }
+    EXPECT_EQ(counters().forgotten, 0);
+}
+
+TEST_F(IosAbsorb, StandardExceptionsAreAbsorbedAndOtherThrowsPassUntouched) {
+    {
+        scripted_buf buf(0, scripted_buf::THROW_STD);
+        vrk::ostream os(&buf);
+        os.put('x');
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+        os.clear();
+        os.exceptions(ios_base::badbit);
+        EXPECT_THROW(os.put('x'), std::runtime_error);
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+    }
+    {
+        scripted_buf buf(0, scripted_buf::THROW_INT);
+        vrk::ostream os(&buf);
+        EXPECT_THROW(os << "x", int);
+        EXPECT_EQ(os.rdstate(), ios_base::goodbit);
+    }
+    EXPECT_EQ(counters().caught, 0);
+}
+
+struct cancel_job {
+    vrk::ostream* os;
+    bool passed_on;
+};
+
+void* cancelled_writer(void* arg) {
+    auto* job = static_cast<cancel_job*>(arg);
+    job->passed_on = true;
+    *job->os << "x"; // the buffer cancels this thread
+    job->passed_on = false;
+    return nullptr;
+}
+
+TEST(IosAbsorbCancel, ForcedUnwindPassesWithBadbitSet) {
+    scripted_buf buf(0, scripted_buf::CANCEL_THREAD);
+    vrk::ostream os(&buf);
+    cancel_job job{&os, false};
+    pthread_t t;
+    ASSERT_EQ(pthread_create(&t, nullptr, &cancelled_writer, &job), 0);
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(t, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_TRUE(job.passed_on);
+    EXPECT_EQ(os.rdstate(), ios_base::badbit);
+}
+
+TEST(IosBuffering, UnitbufTieAndEndlSyncTheBuffer) {
+    scripted_buf tied_buf;
+    vrk::ostream tied(&tied_buf);
+    scripted_buf buf;
+    vrk::ostream os(&buf);
+    os.tie(&tied);
+    os << "a";
+    EXPECT_EQ(tied_buf.syncs, 1);
+    EXPECT_EQ(buf.syncs, 0);
+
+    os << vrk::unitbuf << "b" << 1L;
+    os.put('c');
+    EXPECT_EQ(buf.syncs, 3);
+    os << vrk::nounitbuf << vrk::endl;
+    EXPECT_EQ(buf.syncs, 4);
+    EXPECT_EQ(buf.text(), "ab1c\n");
+
+    // A failing sync is a failed stream; the tie is no longer flushed.
+    buf.sync_result = -1;
+    os.flush();
+    EXPECT_EQ(os.rdstate(), ios_base::badbit);
+    os << "d";
+    EXPECT_EQ(tied_buf.syncs, 5);
+    EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
+}
+
+TEST_F(IosMask, GuardSuspendsTheMaskAndRestoresTheFormat) {
+    scripted_buf buf(1);
+    vrk::ostream os(&buf);
+    os.exceptions(ios_base::badbit);
+    os.flags(ios_base::hex);
+    os.fill('#');
+    os.width(9);
+    {
+        vrk::ios::stream_guard guard(os, ios_base::goodbit);
+        os.flags(ios_base::dec);
+        os.fill('.');
+        os << "abc"; // short write: badbit, but nothing is raised here
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+        EXPECT_EQ(os.exceptions(), ios_base::goodbit);
+    }
+    EXPECT_EQ(os.exceptions(), ios_base::badbit);
+    EXPECT_EQ(os.rdstate(), ios_base::badbit);
+    EXPECT_EQ(os.flags(), ios_base::hex);
+    EXPECT_EQ(os.fill(), '#');
+    EXPECT_EQ(os.width(), 9);
+}
+
+TEST_F(IosMask, NullFacetFailsWhereAFacetIsNeededWhateverTheMask) {
+    auto expect_null_facet = [](auto&& op) {
+        try {
+            op();
+            ADD_FAILURE() << "no missing-facet failure";
+        } catch (const vrk::null_facet_error& e) {
+            EXPECT_STREQ(e.file().get(), "sys/src/vrk/ios");
+            EXPECT_EQ(e.line(), 75);
+            EXPECT_STREQ(e.what(), vrk::null_facet_error::TEXT);
+            e.mark_processed();
+        }
+    };
+    scripted_buf buf;
+    vrk::ostream os(&buf);
+    os.imbue(vrk::locale::none());
+    EXPECT_EQ(os.ctype_facet(), nullptr);
+    os << "plain"; // no width: no fill needed
+    EXPECT_TRUE(os.good());
+    expect_null_facet([&] { os << 5L; });
+    expect_null_facet([&] { os << vrk::setw(7) << "x"; });
+    expect_null_facet([&] { os << vrk::endl; });
+    expect_null_facet([&] { os.fill(); });
+    EXPECT_EQ(buf.text(), "plain");
+
+    scripted_buf in_buf;
+    in_buf.set_input("  12");
+    vrk::istream is(&in_buf);
+    is.imbue(vrk::locale::none());
+    long v = 0;
+    expect_null_facet([&] { is >> v; });
+    // Unformatted input needs no facet.
+    char c = 0;
+    is.get(c);
+    EXPECT_EQ(c, ' ');
+
+    // A locale with ctype but without num_put fails only on numbers.
+    vrk::ostream os2(&buf);
+    os2.imbue(vrk::locale(vrk::locale::classic(), vrk::num_put::id, nullptr));
+    os2 << vrk::setw(3) << "y";
+    expect_null_facet([&] { os2 << 1; });
+}
+
+TEST(IosInput, ReadsAndFormattedExtraction) {
+    {
+        scripted_buf buf;
+        buf.set_input("abc");
+        vrk::istream is(&buf);
+        char out[8] = {};
+        is.read(out, 4);
+        EXPECT_STREQ(out, "abc");
+        EXPECT_EQ(is.gcount(), 3);
+        EXPECT_EQ(is.rdstate(), ios_base::eofbit | ios_base::failbit);
+        is.read(out, 1);
+        EXPECT_EQ(is.gcount(), 0);
+    }
+    {
+        scripted_buf buf;
+        buf.set_input(" 42\n-7 0x1f 077 99999999999 -2147483648 x");
+        vrk::istream is(&buf);
+        long a = 0;
+        int b = 0;
+        unsigned long c = 0;
+        is >> a >> b;
+        EXPECT_EQ(a, 42);
+        EXPECT_EQ(b, -7);
+        is >> vrk::hex >> c;
+        EXPECT_EQ(c, 0x1fUL);
+        is.unsetf(ios_base::basefield); // the prefix decides
+        is >> a;
+        EXPECT_EQ(a, 077);
+        is >> vrk::dec >> b;
+        EXPECT_EQ(b, INT_MAX);
+        EXPECT_EQ(is.rdstate(), ios_base::failbit);
+        is.clear();
+        is >> b;
+        EXPECT_EQ(b, INT_MIN);
+        EXPECT_TRUE(is.good());
+        is >> a;
+        EXPECT_EQ(a, 0);
+        EXPECT_EQ(is.rdstate(), ios_base::failbit);
+        is.clear();
+        char ch = 0;
+        is >> ch;
+        EXPECT_EQ(ch, 'x');
+        is >> ch;
+        EXPECT_EQ(is.rdstate(), ios_base::eofbit | ios_base::failbit);
+    }
+    {
+        // Skipping white space into the end records eofbit and fails.
+        scripted_buf buf;
+        buf.set_input("  \t");
+        vrk::istream is(&buf);
+        long a = 1;
+        is >> a;
+        EXPECT_EQ(is.rdstate(), ios_base::eofbit | ios_base::failbit);
+        EXPECT_EQ(a, 1);
+    }
+}
+
+TEST(IosMisc, FaultprotCstringPrintsItsTextOrNothing) {
+    scripted_buf buf;
+    vrk::ostream os(&buf);
+    vrk::faultprot_cstring("file.cpp").print(os);
+    vrk::faultprot_cstring().print(os);
+    EXPECT_EQ(buf.text(), "file.cpp");
+    EXPECT_TRUE(os.good());
+}
+
+TEST(IosMisc, WordStoreKeepsItsLocalSlotsAndNeverAllocates) {
+    scripted_buf buf;
+    vrk::ostream os(&buf);
+    const int a = vrk::ios_base::xalloc();
+    const int b = vrk::ios_base::xalloc();
+    EXPECT_NE(a, b);
+    os.iword(3) = 77;
+    os.pword(7) = &buf;
+    EXPECT_EQ(os.iword(3), 77);
+    EXPECT_EQ(os.pword(7), &buf);
+    // Beyond the local slots: a scratch word, zero again at each call.
+    os.iword(8) = 5;
+    EXPECT_EQ(os.iword(8), 0);
+    EXPECT_EQ(os.pword(-1), nullptr);
+    EXPECT_EQ(os.iword(3), 77);
+}
+
+TEST(IosMisc, IostreamSharesOneStateBetweenItsInputAndOutput) {
+    scripted_buf buf;
+    buf.set_input("5");
+    vrk::iostream ios(&buf);
+    long v = 0;
+    ios >> v;
+    EXPECT_EQ(v, 5);
+    EXPECT_TRUE(ios.eof());
+    ios << "x"; // the eof of the input fails the output
+    EXPECT_EQ(buf.text(), "");
+    EXPECT_TRUE(ios.fail());
+}
+
+} // namespace

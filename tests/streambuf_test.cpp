@@ -1,0 +1,323 @@
+// Stream buffers: the base's bulk transfers, the fixed buffer stream that
+// cuts at 2047 characters, and the string buffer's growth, positioning,
+// put-back, swap and allocation failures.
+#include <cstring>
+#include <new>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/test_allocator.hpp"
+#include "support/test_host.hpp"
+#include "vrk/base/ios_failure.hpp"
+#include "vrk/ext/buffer_stream.hpp"
+#include "vrk/iomanip.hpp"
+#include "vrk/sstream.hpp"
+
+namespace {
+
+using vrk::ios_base;
+using vrk_test::counters;
+
+// Exposes the protected virtual operations of the string buffer.
+struct open_stringbuf : vrk::stringbuf {
+    using vrk::stringbuf::stringbuf;
+    using vrk::stringbuf::overflow;
+    using vrk::stringbuf::pbackfail;
+    using vrk::stringbuf::seekoff;
+    using vrk::stringbuf::seekpos;
+    using vrk::stringbuf::setbuf;
+};
+
+// A buffer with a get area of 4 and a put area of 4 characters that counts
+// the virtual calls at the boundaries: overflow takes up to `room` more
+// characters, uflow delivers `extra` more.
+struct counting_buf : vrk::streambuf {
+    counting_buf() {
+        setp(out, out + 4);
+        setg(in, in, in + 4);
+    }
+    int overflow(int c) override {
+        ++overflows;
+        if (room == 0)
+            return -1;
+        --room;
+        spilled += static_cast<char>(c);
+        return c;
+    }
+    int uflow() override {
+        ++uflows;
+        if (extra == 0)
+            return -1;
+        --extra;
+        return 200; // above 127: must come through unsigned
+    }
+    char out[4] = {};
+    char in[4] = {'a', 'b', 'c', 'd'};
+    std::string spilled;
+    int overflows = 0, uflows = 0, room = 2, extra = 1;
+};
+
+TEST(StreambufBase, BulkTransfersCallTheVirtualsOnlyAtTheBoundary) {
+    counting_buf b;
+    EXPECT_EQ(b.sputn("0123456789", 10), 6);
+    EXPECT_EQ(std::string(b.out, 4), "0123");
+    EXPECT_EQ(b.spilled, "45");
+    EXPECT_EQ(b.overflows, 3);
+
+    char got[8] = {};
+    EXPECT_EQ(b.sgetn(got, 8), 5);
+    EXPECT_EQ(std::string(got, 5), "abcd\xc8");
+    EXPECT_EQ(b.uflows, 2);
+
+    // The defaults of the base.
+    vrk::streambuf& base = b;
+    EXPECT_EQ(base.pubsync(), 0);
+    EXPECT_EQ(static_cast<vrk::streamoff>(base.pubseekoff(0, ios_base::cur)), -1);
+    EXPECT_EQ(static_cast<vrk::streamoff>(base.pubseekpos(3)), -1);
+    EXPECT_EQ(base.pubsetbuf(nullptr, 0), &base);
+    EXPECT_EQ(base.sgetc(), -1); // underflow's default
+    EXPECT_EQ(base.in_avail(), 0);
+    EXPECT_EQ(base.sputbackc('x'), -1); // no match before the cursor: pbackfail
+    EXPECT_EQ(base.sputbackc('d'), 'd');
+}
+
+TEST(BufferStream, CutsAt2047CharactersAndNeverAllocates) {
+    const long requests = vrk_test::default_test_allocator().requests();
+    vrk::buffer_stream<2048> bs;
+    const std::string text(3000, 'q');
+    bs << text.c_str();
+    EXPECT_EQ(bs.size(), 2047u);
+    EXPECT_EQ(std::string(bs.c_str()), text.substr(0, 2047));
+    vrk::ostream& os = bs;
+    EXPECT_EQ(os.rdstate(), ios_base::badbit);
+    bs << "more";
+    EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
+    EXPECT_EQ(bs.size(), 2047u);
+
+    bs.clear();
+    EXPECT_TRUE(bs.empty());
+    EXPECT_TRUE(os.good());
+    bs << "n=" << vrk::setw(4) << 42L << vrk::endl;
+    EXPECT_STREQ(bs.c_str(), "n=  42\n");
+    EXPECT_EQ(vrk_test::default_test_allocator().requests(), requests);
+
+    // Over a caller's array: one place stays for the NUL.
+    char guard_and_array[10];
+    std::memset(guard_and_array, '#', sizeof guard_and_array);
+    vrk::buffer_stream<2048> small(guard_and_array + 1, 8);
+    small << "abcdefghij";
+    EXPECT_STREQ(small.c_str(), "abcdefg");
+    EXPECT_EQ(guard_and_array[0], '#');
+    EXPECT_EQ(guard_and_array[9], '#');
+    EXPECT_TRUE(small.getStream().bad());
+}
+
+using BufferStreamMask = vrk_test::host_fixture;
+using StringBufFailure = vrk_test::host_fixture;
+
+TEST_F(BufferStreamMask, BadbitInTheMaskRaisesOnThe2048thCharacter) {
+    vrk::buffer_stream<2048> bs(ios_base::badbit);
+    const std::string text(2047, 'z');
+    bs << text.c_str();
+    EXPECT_TRUE(bs.getStream().good());
+    try {
+        bs << "!";
+        FAIL() << "no failure raised";
+    } catch (const vrk::ios_failure& e) {
+        EXPECT_STREQ(e.what(), "buffer_stream::overflow");
+        EXPECT_STREQ(e.file().get(), "sys/src/vrk/ext/buffer_stream");
+        e.mark_processed();
+    }
+    EXPECT_TRUE(bs.getStream().bad());
+    EXPECT_EQ(std::string(bs.c_str()), text);
+}
+
+TEST(StringBuf, GrowsByDoublingFrom512AndKeepsEveryCharacter) {
+    vrk_test::test_allocator alloc;
+    {
+        vrk::osstream os(alloc);
+        EXPECT_EQ(alloc.allocations(), 0);
+        os << 'a';
+        EXPECT_EQ(alloc.allocations(), 1);
+        EXPECT_EQ(alloc.bytes_in_use(), 512u + 9u);
+        std::string expect = "a";
+        for (int i = 1; i < 512; ++i) {
+            const char c = static_cast<char>('a' + i % 26);
+            os << c;
+            expect += c;
+        }
+        EXPECT_EQ(alloc.allocations(), 1);
+        os << 'Z';
+        expect += 'Z';
+        EXPECT_EQ(alloc.allocations(), 2);
+        EXPECT_EQ(alloc.balance(), 1);
+        EXPECT_EQ(alloc.bytes_in_use(), 1024u + 9u);
+        EXPECT_EQ(std::string(os.c_str()), expect);
+        EXPECT_EQ(os.rdbuf()->size(), 513u);
+        vrk::string s = os.str();
+        EXPECT_EQ(std::string(s.c_str(), s.size()), expect);
+        EXPECT_TRUE(os.good());
+    }
+    EXPECT_EQ(alloc.balance(), 0);
+    EXPECT_EQ(alloc.bad_releases(), 0);
+}
+
+TEST(StringBuf, SwapHandsOverTheTextAndTheBufferCarriesOn) {
+    vrk_test::test_allocator alloc;
+    {
+        vrk::osstream os(alloc);
+        const std::string text(600, 'x');
+        os << text.c_str();
+        vrk::string taken(alloc);
+        os.swap(taken);
+        EXPECT_EQ(taken.size(), 600u);
+        EXPECT_EQ(std::string(taken.c_str()), text);
+        EXPECT_EQ(os.rdbuf()->size(), 0u);
+        os << "next";
+        EXPECT_STREQ(os.c_str(), "next");
+
+        // A short text comes back inline; a string swapped in is continued.
+        vrk::osstream os2(alloc);
+        os2 << "short";
+        vrk::string s2(alloc);
+        s2.assign("prefix:", 7);
+        os2.swap(s2);
+        EXPECT_STREQ(s2.c_str(), "short");
+        os2 << "more";
+        EXPECT_STREQ(os2.c_str(), "prefix:more");
+    }
+    EXPECT_EQ(alloc.balance(), 0);
+}
+
+TEST(StringBuf, SeekOnAnOutputOnlyBufferMovesTheWritePosition) {
+    vrk_test::test_allocator alloc;
+    open_stringbuf sb(ios_base::out, alloc);
+    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekoff(0, ios_base::end, ios_base::out)), 0);
+    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekoff(1, ios_base::beg, ios_base::out)), -1);
+    EXPECT_EQ(sb.sputn("0123456789", 10), 10);
+    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekoff(0, ios_base::end, ios_base::out)), 10);
+    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekoff(-3, ios_base::cur, ios_base::out)), 7);
+    sb.sputc('X');
+    EXPECT_STREQ(sb.c_str(), "0123456X89");
+    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekoff(1, ios_base::end, ios_base::out)), -1);
+    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekoff(0, ios_base::beg, ios_base::in)), -1);
+    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekpos(2, ios_base::out)), 2);
+    sb.sputc('Y');
+    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekpos(11, ios_base::out)), -1);
+    EXPECT_STREQ(sb.c_str(), "01Y3456X89");
+    // overflow(-1) writes nothing and reports success.
+    EXPECT_EQ(sb.overflow(-1), 0);
+    EXPECT_EQ(sb.size(), 10u);
+}
+
+TEST(StringBuf, ReadingSeekingAndPutBack) {
+    vrk_test::test_allocator alloc;
+    {
+        open_stringbuf in("abc", 3, alloc, ios_base::in);
+        EXPECT_EQ(in.sbumpc(), 'a');
+        EXPECT_EQ(in.sbumpc(), 'b');
+        EXPECT_EQ(in.pbackfail('b'), 'b'); // same character: a step back
+        EXPECT_EQ(in.sgetc(), 'b');
+        EXPECT_EQ(in.pbackfail('x'), -1); // different, input only
+        EXPECT_EQ(in.sputc('z'), -1);     // no writing on input only
+        EXPECT_EQ(static_cast<vrk::streamoff>(in.seekpos(0, ios_base::in)), 0);
+        EXPECT_EQ(in.pbackfail('q'), -1); // nothing before the start
+        EXPECT_EQ(static_cast<vrk::streamoff>(in.seekoff(-1, ios_base::end, ios_base::in)), 2);
+        EXPECT_EQ(in.sbumpc(), 'c');
+        EXPECT_EQ(in.sgetc(), -1);
+        EXPECT_EQ(in.pbackfail(-1), 0);
+        EXPECT_EQ(in.sgetc(), 'c');
+    }
+    {
+        // In and out: what was written can be read, and put-back overwrites.
+        vrk::sstream ss(alloc);
+        ss << "12 ab";
+        long v = 0;
+        ss >> v;
+        EXPECT_EQ(v, 12);
+        char c = 0;
+        ss >> c;
+        EXPECT_EQ(c, 'a');
+        ss.putback('Q');
+        EXPECT_TRUE(ss.good());
+        EXPECT_STREQ(ss.c_str(), "12 Qb");
+        char rest[3] = {};
+        ss.read(rest, 3);
+        EXPECT_EQ(ss.gcount(), 2);
+        EXPECT_EQ(ss.rdstate(), ios_base::eofbit | ios_base::failbit);
+    }
+    {
+        // Growth while reading: the read position survives the move.
+        vrk::sstream ss(alloc);
+        std::string all;
+        for (int i = 0; i < 1500; ++i)
+            all += static_cast<char>('A' + i % 23);
+        ss.write(all.data(), 600);
+        char head[10];
+        ss.read(head, 10);
+        ss.write(all.data() + 600, 900);
+        std::string rest(1490, '\0');
+        ss.read(rest.data(), 1490);
+        EXPECT_EQ(ss.gcount(), 1490);
+        EXPECT_EQ(std::string(head, 10) + rest, all);
+        EXPECT_EQ(ss.rdbuf()->in_avail(), 0);
+        EXPECT_TRUE(ss.good());
+    }
+    {
+        vrk::string src(alloc);
+        src.assign("-15 7", 5);
+        vrk::isstream is(src);
+        long a = 0, b = 0;
+        is >> a >> b;
+        EXPECT_EQ(a, -15);
+        EXPECT_EQ(b, 7);
+        EXPECT_TRUE(is.eof());
+        EXPECT_STREQ(src.c_str(), "-15 7");
+    }
+    EXPECT_EQ(alloc.balance(), 0);
+}
+
+TEST(StringBuf, ACallersArrayIsNeverReplacedByStringStorage) {
+    vrk_test::test_allocator alloc;
+    char array[5];
+    open_stringbuf sb(ios_base::out, alloc);
+    sb.setbuf(array, 4);
+    EXPECT_EQ(sb.sputn("abcdef", 6), 4);
+    EXPECT_EQ(std::string(array, 4), "abcd");
+    EXPECT_EQ(alloc.allocations(), 0);
+    EXPECT_EQ(sb.c_str(), nullptr); // full: no room for a NUL
+
+    vrk::ostream os(&sb);
+    os << "x";
+    EXPECT_EQ(os.rdstate(), ios_base::badbit);
+}
+
+TEST_F(StringBufFailure, GrowthFailureIsAbsorbedOrRethrownWithoutLeaks) {
+    vrk_test::test_allocator alloc;
+    {
+        alloc.fail_at(0);
+        vrk::osstream os(alloc);
+        os << "abc";
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+        EXPECT_EQ(alloc.failures(), 1);
+        EXPECT_STREQ(os.c_str(), "");
+    }
+    {
+        // The second growth fails; the text of the first survives.
+        alloc.fail_at(1);
+        alloc.reset_requests();
+        vrk::osstream os(ios_base::out, ios_base::badbit, alloc);
+        const std::string text(512, 'k');
+        os << text.c_str();
+        EXPECT_TRUE(os.good());
+        EXPECT_THROW(os << "!", std::bad_alloc);
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+        EXPECT_EQ(std::string(os.c_str()), text);
+    }
+    EXPECT_EQ(alloc.balance(), 0);
+    EXPECT_EQ(alloc.bad_releases(), 0);
+    EXPECT_EQ(counters().caught, 0);
+}
+
+} // namespace
