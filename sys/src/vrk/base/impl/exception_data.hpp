@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "vrk/base/faultprot_cstring.hpp"
+#include "vrk/iosfwd.hpp"
 #include "vrk/ext/message_list.hpp"
 #include "vrk/ext/pointer_counter_combination.hpp"
 #include "vrk/memory.hpp"
@@ -52,6 +53,9 @@ public:
     const msg_parameter* first() const noexcept {
         return msg_owner_ ? msg_param_.first() : nullptr;
     }
+    // Writes the message with its placeholders expanded; returns `stream`.
+    ostream& expand(ostream& stream) const;
+
     // True when memory ran out on this node (codes 1 to 3).
     bool out_of_memory() const noexcept { return (bad_alloc_ & 3) != 0; }
 
