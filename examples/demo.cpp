@@ -2,9 +2,12 @@
 // thrown deep in a worker, caught, wrapped in a higher-level error with a
 // further message, and walked as a chain.
 #include <cstdio>
+#include <cstdlib>
+#include <new>
 #include <thread>
 
 #include "vrk/exception.hpp"
+#include "vrk/sstream.hpp"
 
 namespace {
 
@@ -39,6 +42,18 @@ void print_chain(const vrk::exception& head) {
     }
 }
 
+// The demo's own allocator for the texts it builds.
+struct heap_allocator final : vrk::allocator {
+    void* allocateNoThrow(size_t n, const void*) noexcept override { return std::malloc(n); }
+    void* allocate(size_t n, const void*) override { return allocate(n); }
+    void* allocate(size_t n) override {
+        if (void* p = std::malloc(n))
+            return p;
+        throw std::bad_alloc();
+    }
+    void deallocate(void* p) noexcept override { std::free(p); }
+};
+
 } // namespace
 
 int main() {
@@ -49,6 +64,12 @@ int main() {
         } catch (const vrk::exception& e) {
             std::printf("caught on the worker thread: %s\n", e.what());
             print_chain(e);
+            heap_allocator heap;
+            vrk::osstream long_form(heap);
+            long_form << e;
+            std::printf("\nlong form:\n%s", long_form.c_str());
+            vrk::string short_form = e.what(heap, true);
+            std::printf("\nshort form:\n%s", short_form.c_str());
             status = e.is_identified_by(ERR_SAVE_FAILED) && e.get_next().is_identified_by(ERR_DISK_FULL) ? 0 : 1;
         }
     });

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "vrk/exception.hpp"
+#include "vrk/ostream.hpp"
 
 namespace vrk_test {
 
@@ -125,6 +126,15 @@ unsigned vrk_extern::import::save_stack_trace(void** frames, unsigned max_frames
     for (unsigned i = 0; i < n; ++i)
         frames[i] = reinterpret_cast<char*>(const_cast<void*>(caller)) + i;
     return n;
+}
+
+// Deterministic frames for exact comparisons: "#<i> <address>" a line.
+void vrk_extern::import::print_stack_trace(vrk::ostream* os, void** frames, unsigned count) {
+    for (unsigned i = 0; i < count; ++i) {
+        char line[64];
+        const int n = std::snprintf(line, sizeof line, "#%u %p\n", i, frames[i]);
+        os->write(line, n);
+    }
 }
 
 void vrk_extern::import::caught_exception(const vrk::exception& e) {

@@ -7,8 +7,10 @@
 // thread's registration head lives in a thread-local callback object; aborts
 // report to the error output and end the process; the default allocator is
 // the platform heap.
-#include <unwind.h>
+#include <cxxabi.h>
+#include <dlfcn.h>
 #include <unistd.h>
+#include <unwind.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +19,7 @@
 
 #include "vrk/exception.hpp"
 #include "vrk/import.hpp"
+#include "vrk/ostream.hpp"
 
 namespace {
 
@@ -141,6 +144,41 @@ unsigned vrk_extern::import::save_stack_trace(void** frames, unsigned max_frames
         _Unwind_Backtrace(collect_frame, &state);
     }
     return state.count;
+}
+
+// One frame a line, numbered:
+//   #0  0x000055d4c8a0b1c4 app::save_document()+0x54 (app)
+// The address is a return address; the symbol is the nearest exported one
+// before it as the dynamic linker knows it (link with -rdynamic for the
+// functions of an executable), the module the file it was loaded from.
+// Symbols are resolved here, when printing, never when capturing.
+void vrk_extern::import::print_stack_trace(vrk::ostream* os, void** frames, unsigned count) {
+    for (unsigned i = 0; i < count; ++i) {
+        char line[160];
+        int n = std::snprintf(line, sizeof line, "#%-2u 0x%016lx", i,
+                              reinterpret_cast<unsigned long>(frames[i]));
+        os->write(line, n);
+        Dl_info info{};
+        if (dladdr(frames[i], &info) == 0) {
+            *os << vrk::endl;
+            continue;
+        }
+        if (info.dli_sname != nullptr) {
+            int status = -1;
+            char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
+            *os << ' ' << (status == 0 && demangled != nullptr ? demangled : info.dli_sname);
+            std::free(demangled);
+            n = std::snprintf(line, sizeof line, "+0x%lx",
+                              static_cast<unsigned long>(static_cast<const char*>(frames[i]) -
+                                                         static_cast<const char*>(info.dli_saddr)));
+            os->write(line, n);
+        }
+        if (info.dli_fname != nullptr) {
+            const char* slash = std::strrchr(info.dli_fname, '/');
+            *os << " (" << (slash != nullptr ? slash + 1 : info.dli_fname) << ')';
+        }
+        *os << vrk::endl;
+    }
 }
 
 void vrk_extern::import::caught_exception(const vrk::exception&) {}

@@ -203,10 +203,6 @@ bool exception::operator==(const exception& other) const noexcept {
     return p_fst_ != nullptr && p_fst_ == other.p_fst_;
 }
 
-const char* exception::what() const noexcept {
-    return p_fst_ != nullptr ? block_()->node_.message() : "";
-}
-
 void exception::store_type(ostream&) const {}
 
 message_iterator exception::begin() const noexcept {

@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "vrk/base/faultprot_cstring.hpp"
+#include "vrk/iosfwd.hpp"
 #include "vrk/ext/message_list.hpp"
 #include "vrk/ext/pointer_counter_combination.hpp"
 #include "vrk/memory.hpp"

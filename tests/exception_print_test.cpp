@@ -1,0 +1,198 @@
+// Printing: the long and short forms to the byte, throw-location sections,
+// bad-allocation notes and the fallback text, stream format left unchanged.
+#include <climits>
+#include <string>
+
+#include "support/test_host.hpp"
+#include "vrk/iomanip.hpp"
+#include "vrk/sstream.hpp"
+#include "vrk/base/impl/bad_alloc_text.hpp"
+
+namespace {
+
+using vrk::exception;
+using vrk::exception_node;
+using vrk_test::host_fixture;
+
+const vrk::error_code OPEN_FAILED{1000123, "Cannot open file config.ini", nullptr};
+const vrk::error_code DISK_FULL{1000789, "Disk full", nullptr};
+const void* const NO_STACK = exception::CALLER_SUPPRESS_STACK_TRACE;
+
+std::string text_of(vrk::osstream& os) {
+    vrk::string s = os.str();
+    return std::string(s.c_str(), s.size());
+}
+
+void set_code(const exception& e, int code) {
+    const_cast<vrk::exception_data*>(const_cast<const vrk::exception_data*>(e.data()))
+        ->node_.bad_alloc_ = code;
+}
+
+class ExceptionPrint : public host_fixture {
+protected:
+    exception two_nodes(const void* caller = NO_STACK) {
+        exception e("loader.src", 120, OPEN_FAILED, caller);
+        e.append_message("main.src", 42, 1000456, "Startup failed");
+        return e;
+    }
+    std::string long_form(const exception& e, bool suppress, bool nested) {
+        vrk::osstream os(alloc_);
+        e.print_default(os, suppress, nested);
+        return text_of(os);
+    }
+    vrk_test::test_allocator alloc_;
+};
+
+const char* const LONG_TWO_NODES = "exception  1: no.1000123  (loader.src:120)\n"
+                                   "    Cannot open file config.ini\n"
+                                   "exception  1: no.1000456  (main.src:42)\n"
+                                   "    Startup failed\n";
+
+TEST_F(ExceptionPrint, LongAndShortFormsOfTwoMessages) {
+    exception e = two_nodes();
+    EXPECT_EQ(long_form(e, true, true), LONG_TWO_NODES);
+    vrk::string short_form = e.what(alloc_, true);
+    EXPECT_STREQ(short_form.c_str(), "exception 1000123: Cannot open file config.ini\n"
+                                     "exception 1000456: Startup failed\n");
+    EXPECT_STREQ(e.what(), "Cannot open file config.ini") << "what() is the first message only";
+}
+
+TEST_F(ExceptionPrint, ThrowLocationSectionsAndNestedNotes) {
+    exception e = two_nodes(nullptr); // the test host records 3 frames from address 0
+    exception nested("io.src", 7, DISK_FULL, NO_STACK);
+    set_code(nested, exception_node::PARAM_FAILED);
+    e << nested;
+    const std::string stack = "exception throw location:\n#0 (nil)\n#1 0x1\n#2 0x2\n\n";
+    const std::string nested_lines =
+        "exception  2: no.1000789  (io.src:7)\n"
+        "    Disk full; \"Bad allocation in exception parameter\" (code:1)\n";
+    EXPECT_EQ(long_form(e, false, false),
+              LONG_TWO_NODES + stack + nested_lines +
+                  "NO exception throw location recorded. Bad alloc.code: 1\n");
+    EXPECT_EQ(long_form(e, false, true), LONG_TWO_NODES + stack + nested_lines);
+    EXPECT_EQ(long_form(e, true, false), LONG_TWO_NODES + nested_lines);
+    vrk::string short_form = e.what(alloc_, true);
+    EXPECT_EQ(std::string(short_form.c_str()),
+              "exception 1000123: Cannot open file config.ini\n"
+              "exception 1000456: Startup failed\n"
+              "exception 1000789: Disk full; \"Bad allocation in exception parameter\" (code:1)\n");
+    EXPECT_TRUE(e.data()->done() && nested.data()->done()) << "every printed block is processed";
+}
+
+TEST_F(ExceptionPrint, EveryReasonForAMissingThrowLocation) {
+    auto section = [&](const exception& e) {
+        vrk::osstream os(alloc_);
+        e.print_default(os, false, false);
+        const std::string all = text_of(os);
+        return all.substr(all.find('\n', all.find('\n') + 1) + 1); // after heading and text
+    };
+    const std::string none = "NO exception throw location recorded. ";
+    exception suppressed("f", 1, OPEN_FAILED, NO_STACK);
+    EXPECT_EQ(section(suppressed), none + "Stack generation suppressed.\n");
+    EXPECT_EQ(suppressed.stack_trace(nullptr), 0);
+
+    vrk_test::settings().capture_no_frame = true;
+    exception no_frame("f", 1, OPEN_FAILED, nullptr);
+    EXPECT_EQ(section(no_frame), none + "Stack generation system error.\n");
+    vrk_test::settings().capture_no_frame = false;
+
+    vrk_test::test_allocator fails_second;
+    fails_second.fail_at(1);
+    vrk_test::set_default_allocator(&fails_second);
+    {
+        exception no_buffer("f", 1, OPEN_FAILED, nullptr);
+        EXPECT_EQ(section(no_buffer), none + "Allocation of stack data failed.\n");
+    }
+    vrk_test::set_default_allocator(nullptr);
+
+    set_code(suppressed, exception_node::PARAM_FAILED); // overwrites the stack code
+    EXPECT_NE(section(suppressed).find(none + "Bad alloc.code: 1\n"), std::string::npos);
+
+    exception captured("f", 1, OPEN_FAILED, reinterpret_cast<const void*>(0x1000));
+    void** frames = nullptr;
+    EXPECT_EQ(captured.stack_trace(&frames), 3);
+    ASSERT_NE(frames, nullptr);
+    EXPECT_EQ(frames[0], reinterpret_cast<void*>(0x1000));
+    captured.mark_processed();
+}
+
+TEST_F(ExceptionPrint, WithoutBlockOneFallbackLine) {
+    vrk_test::test_allocator broken;
+    broken.fail_from(0);
+    vrk_test::set_default_allocator(&broken);
+    {
+        exception e("a/b.x", 7, vrk::error_code{42, "lost", nullptr});
+        const std::string expected =
+            "exception: no.          42 (                                                       "
+            "    a/b.x:     7). No further info because of bad allocation in exception object.";
+        ASSERT_EQ(expected.size(), 164u);
+        EXPECT_EQ(e.what(), expected);
+        EXPECT_EQ(long_form(e, false, false), expected + "\n");
+        vrk::string s = e.what(alloc_, false);
+        EXPECT_EQ(std::string(s.c_str()), expected + "\n");
+        EXPECT_EQ(e.stack_trace(nullptr), 0);
+    }
+    vrk_test::set_default_allocator(nullptr);
+}
+
+TEST_F(ExceptionPrint, FallbackTextColumns) {
+    using vrk::impl::getBadAllocMsg;
+    const std::string name64(64, 'n');
+    std::string t = getBadAllocMsg(0, (name64 + "").c_str(), 0);
+    EXPECT_EQ(t.size(), 164u);
+    EXPECT_EQ(t.substr(28, 64), name64);
+    EXPECT_EQ(t.substr(14, 13), std::string(13, ' ')) << "error number 0 is blank";
+    EXPECT_EQ(t.substr(93, 6), "      ") << "line 0 is blank";
+    t = getBadAllocMsg(1, ("X" + name64).c_str(), 1);
+    EXPECT_EQ(t.substr(28, 64), name64) << "a 65th character is dropped from the front";
+    t = getBadAllocMsg(1, "short", 1);
+    EXPECT_EQ(t.substr(28, 64), std::string(59, ' ') + "short") << "nothing of the long name remains";
+    t = getBadAllocMsg(INT_MIN, nullptr, 1234567);
+    EXPECT_EQ(t.substr(15, 11), "-2147483648");
+    EXPECT_EQ(t.substr(28, 64), std::string(64, ' '));
+    EXPECT_EQ(t.substr(93, 6), "234567");
+    t = getBadAllocMsg(-5, "", 99);
+    EXPECT_EQ(t.substr(15, 11), "         -5");
+    EXPECT_EQ(t.substr(93, 6), "    99");
+    EXPECT_EQ(t.substr(0, 15), "exception: no. ");
+    EXPECT_EQ(t.substr(99), "). No further info because of bad allocation in exception object.");
+    EXPECT_STREQ(vrk::impl::vrkExpHexCode(), "0123456789ABCDEF");
+}
+
+TEST_F(ExceptionPrint, StreamFormatIsUsedThenRestored) {
+    exception e("f.src", 255, vrk::error_code{-1, "neg", nullptr}, NO_STACK);
+    {
+        vrk::osstream os(alloc_);
+        os << vrk::hex;
+        os.fill('*');
+        e.print_default(os, true, true);
+        EXPECT_EQ(text_of(os), "exception**1: no.ffffffff  (f.src:ff)\n    neg\n");
+        EXPECT_EQ(os.fill(), '*');
+        EXPECT_EQ(os.flags() & vrk::ios_base::basefield, vrk::ios_base::hex);
+        EXPECT_EQ(os.width(), 0);
+    }
+    // The index field widens only past 999.
+    exception head("f", 1, vrk::error_code{1, "x", nullptr}, NO_STACK);
+    for (int i = 2; i <= 1000; ++i) {
+        exception add("f", i, vrk::error_code{i, "x", nullptr}, NO_STACK);
+        head << add;
+    }
+    const std::string all = long_form(head, true, true);
+    EXPECT_NE(all.find("exception999: no.999"), std::string::npos);
+    EXPECT_NE(all.find("exception1000: no.1000"), std::string::npos);
+    EXPECT_NE(all.find("exception 99: no.99"), std::string::npos);
+}
+
+TEST_F(ExceptionPrint, PrintHookReplacesOnlyPrint) {
+    exception e = two_nodes();
+    e.set_print_function([](const exception&, vrk::ostream& os) { os << "custom"; });
+    vrk::osstream os(alloc_);
+    os << e;
+    EXPECT_EQ(text_of(os), "custom");
+    EXPECT_TRUE(e.data()->done()) << "print marks the exception processed";
+    EXPECT_EQ(long_form(e, true, true), LONG_TWO_NODES);
+    vrk::string s = e.what(alloc_, true);
+    EXPECT_EQ(std::string(s.c_str()).find("custom"), std::string::npos);
+}
+
+} // namespace
