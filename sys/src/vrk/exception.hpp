@@ -308,3 +308,5 @@ private:
 
 } // namespace impl
 } // namespace vrk
+
+#include "vrk/ext/message_args.hpp"
