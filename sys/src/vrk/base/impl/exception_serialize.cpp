@@ -13,7 +13,6 @@
 #include "vrk/base/impl/exception_source.hpp"
 #include "vrk/exception.hpp"
 #include "vrk/exception_types.hpp"
-#include "vrk/ext/itoa.hpp"
 #include "vrk/istream.hpp"
 #include "vrk/ostream.hpp"
 #include "vrk/sstream.hpp"
@@ -39,15 +38,13 @@ const char* const TRUNCATED_TEXT =
 const char* const IMPORTED_BAD_ALLOC_TEXT = "Bad allocation in exception object (imported)";
 
 // Raises a runtime_error located in the caller of the function that found
-// the fault, with `text` and two decimal arguments.
+// the fault, with `text` and two unsigned arguments in decimal.
 [[noreturn]] __attribute__((noinline)) void throw_deserialize_error_(
     int line, const void* caller, const char* text, const char* name1, uint32_t value1,
     const char* name2, uint32_t value2) {
     runtime_error e(impl::EXCEPTION_SOURCE_FILE, line, ERR_VRK_RUNTIME, caller);
     e.append_message(impl::EXCEPTION_SOURCE_FILE, line, ERR_VRK_RUNTIME.number(), text);
-    char buf[24];
-    e.define_argument(name1, itoa(value1, buf), false);
-    e.define_argument(name2, itoa(value2, buf), false);
+    e << msgarg_uint(name1, value1) << msgarg_uint(name2, value2);
     e.register_on_thread();
     e.do_throw();
     impl::throw_check_base::throw_returned();
