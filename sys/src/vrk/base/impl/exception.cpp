@@ -203,7 +203,6 @@ bool exception::operator==(const exception& other) const noexcept {
     return p_fst_ != nullptr && p_fst_ == other.p_fst_;
 }
 
-
 message_iterator exception::begin() const noexcept {
     if (p_fst_ == nullptr)
         return end();
