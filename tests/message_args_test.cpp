@@ -94,7 +94,6 @@ TEST_F(MessageArgs, IntegersCharactersAndBooleans) {
         {render(msgrpl_int("V", -42)), "-42", true},
         {render(msgarg_int("V", -42, true)), "0xffffffd6", false},
         {render(msgarg_int("V", 0, true)), "0x0", false},
-        {render(msgarg_int("V", 255, true)), "0xff", false},
         {render(msgarg_int("V", -1, true)), "0xffffffff", false},
         {render(msgarg_int("V", INT_MIN)), "-2147483648", false},
         {render(msgarg_uint("V", UINT_MAX)), "4294967295", false},
@@ -102,7 +101,6 @@ TEST_F(MessageArgs, IntegersCharactersAndBooleans) {
         {render(msgarg_int64("V", LONG_MIN)), "-9223372036854775808", false},
         {render(msgrpl_int64("V", -1L, true)), "0xffffffffffffffff", true},
         {render(msgarg_uint64("V", ULONG_MAX)), "18446744073709551615", false},
-        {render(msgrpl_uint64("V", 0UL)), "0", true},
         {render(msgarg_char("V", 'x')), "x", false},
         {render(msgrpl_char("V", 'x', true)), "0x78", true},
         {render(msgarg_char("V", static_cast<char>(200), true)), "0xc8", false},
@@ -144,7 +142,6 @@ TEST_F(MessageArgs, FloatingPointPointersAndTexts) {
         {render(msgarg_text("V", "")), "", false},
         {render(msgrpl_text("V", "", true)), "", true},
         {render(msgarg_text("one", false)), "one", false},
-        {render(msgrpl_text(mutable_text, true)), "41 42", true},
     };
     check_rows(rows, sizeof rows / sizeof rows[0]);
 
