@@ -1,0 +1,247 @@
+// The exception facility against what a user would reach for instead, each
+// pair in the same run. A benchmark is named "<case>/<implementation>";
+// "vrk" is ours, every other last component is a peer (bench/run.sh pairs
+// them into a table).
+//
+//   handle_copy        copy and destroy of a handle / std::shared_ptr
+//   build_print        create (no stack), append a message, three arguments,
+//                      long form into a reused string stream / snprintf into
+//                      a stack buffer plus two malloc/free / std::ostringstream
+//   throw_catch        create with stack capture, throw, catch at depth 1 and
+//                      10 / std::runtime_error
+//   throw_catch_2thr   the same in two threads at once
+//   chain_walk         two linked exceptions walked with get_next() /
+//                      std::throw_with_nested and std::rethrow_if_nested
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <iomanip>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <stdexcept>
+
+#include "vrk/exception.hpp"
+#if __has_include("vrk/ext/message_args.hpp")
+#include "vrk/ext/message_args.hpp"
+#define VRK_BENCH_ARGS 1
+#endif
+#include "vrk/memory.hpp"
+#include "vrk/sstream.hpp"
+
+namespace {
+
+// The platform heap, as a product's allocator would hand it out.
+class heap_allocator final : public vrk::allocator {
+public:
+    void* allocateNoThrow(size_t size, const void*) noexcept override {
+        return std::malloc(size != 0 ? size : 1);
+    }
+    void* allocate(size_t size, const void*) override {
+        void* p = std::malloc(size != 0 ? size : 1);
+        if (p == nullptr)
+            throw std::bad_alloc();
+        return p;
+    }
+    void* allocate(size_t size) override { return allocate(size, nullptr); }
+    void deallocate(void* p) noexcept override { std::free(p); }
+};
+
+heap_allocator g_heap;
+
+constexpr const char* FILE_NAME = "sys/src/vrk/bench";
+constexpr const char* MESSAGE = "Cannot open $FILE$: error $ERRNO$ after $TRIES$ tries";
+constexpr const char* FILE_ARG = "/var/lib/app/data.bin";
+
+// --- handle copy and destroy -------------------------------------------------
+
+// One block shared by every thread of a run; marked processed when the run
+// ends so that it is not reported as forgotten.
+struct shared_exception {
+    vrk::exception e{FILE_NAME, __LINE__, vrk::ERR_VRK_RUNTIME,
+                     vrk::exception::CALLER_SUPPRESS_STACK_TRACE};
+    ~shared_exception() { e.mark_processed(); }
+};
+
+void handle_copy_vrk(benchmark::State& state) {
+    static shared_exception shared;
+    for (auto _ : state) {
+        vrk::exception copy(shared.e);
+        benchmark::DoNotOptimize(&copy);
+    }
+}
+
+void handle_copy_shared_ptr(benchmark::State& state) {
+    static const std::shared_ptr<int> shared = std::make_shared<int>(1);
+    for (auto _ : state) {
+        std::shared_ptr<int> copy(shared);
+        benchmark::DoNotOptimize(&copy);
+    }
+}
+
+// --- build and print -----------------------------------------------------------
+
+void build_print_vrk(benchmark::State& state) {
+    vrk::osstream os(g_heap);
+    for (auto _ : state) {
+        os.rdbuf()->clear();
+        vrk::exception e(FILE_NAME, 41, vrk::ERR_VRK_RUNTIME,
+                         vrk::exception::CALLER_SUPPRESS_STACK_TRACE);
+        e.append_message(FILE_NAME, 42, 2, MESSAGE);
+#ifdef VRK_BENCH_ARGS
+        e << vrk::msgarg_text("FILE", FILE_ARG) << vrk::msgarg_int("ERRNO", 2)
+          << vrk::msgarg_int("TRIES", 3);
+#endif
+        os << e;
+        benchmark::DoNotOptimize(os.rdbuf()->size());
+    }
+}
+
+// The same text: one formatted print into a stack buffer, and two heap
+// blocks standing in for an exception object and its message.
+void build_print_snprintf_malloc(benchmark::State& state) {
+    for (auto _ : state) {
+        void* block = std::malloc(200);
+        void* node = std::malloc(120);
+        benchmark::DoNotOptimize(block);
+        benchmark::DoNotOptimize(node);
+        char text[512];
+        const int n = std::snprintf(
+            text, sizeof text,
+            "exception%3d: no.%d  (%s:%d)\n    %s\nexception%3d: no.%d  (%s:%d)\n"
+            "    Cannot open %s: error %d after %d tries\n"
+            "NO exception throw location recorded. Stack generation suppressed.\n",
+            1, 1001, FILE_NAME, 41, "Runtime error", 1, 2, FILE_NAME, 42, FILE_ARG, 2, 3);
+        benchmark::DoNotOptimize(n);
+        benchmark::DoNotOptimize(text);
+        std::free(node);
+        std::free(block);
+    }
+}
+
+// The same text with a fresh standard string stream, as a caller building a
+// message with one would write it.
+void build_print_ostringstream(benchmark::State& state) {
+    for (auto _ : state) {
+        std::ostringstream os;
+        os << "exception" << std::setw(3) << 1 << ": no." << 1001 << "  (" << FILE_NAME << ':'
+           << 41 << ")\n    Runtime error\n";
+        os << "exception" << std::setw(3) << 1 << ": no." << 2 << "  (" << FILE_NAME << ':' << 42
+           << ")\n    Cannot open " << FILE_ARG << ": error " << 2 << " after " << 3
+           << " tries\n";
+        os << "NO exception throw location recorded. Stack generation suppressed.\n";
+        benchmark::DoNotOptimize(os.str());
+    }
+}
+
+// --- throw and catch -----------------------------------------------------------
+
+// Recursion that the optimiser can neither flatten nor turn into a loop.
+__attribute__((noinline)) void throw_vrk_at(int depth) {
+    if (depth > 1) {
+        throw_vrk_at(depth - 1);
+        benchmark::ClobberMemory();
+        return;
+    }
+    vrk::runtime_error e(FILE_NAME, __LINE__, vrk::ERR_VRK_RUNTIME);
+    e.register_on_thread();
+    e.do_throw();
+}
+
+__attribute__((noinline)) void throw_std_at(int depth) {
+    if (depth > 1) {
+        throw_std_at(depth - 1);
+        benchmark::ClobberMemory();
+        return;
+    }
+    throw std::runtime_error("Runtime error");
+}
+
+void throw_catch_vrk(benchmark::State& state) {
+    const int depth = static_cast<int>(state.range(0));
+    for (auto _ : state) {
+        try {
+            throw_vrk_at(depth);
+        } catch (const vrk::exception& e) {
+            e.mark_processed();
+            benchmark::DoNotOptimize(e.error_no());
+        }
+    }
+}
+
+void throw_catch_runtime_error(benchmark::State& state) {
+    const int depth = static_cast<int>(state.range(0));
+    for (auto _ : state) {
+        try {
+            throw_std_at(depth);
+        } catch (const std::exception& e) {
+            benchmark::DoNotOptimize(e.what());
+        }
+    }
+}
+
+// --- chains --------------------------------------------------------------------
+
+void chain_walk_vrk(benchmark::State& state) {
+    for (auto _ : state) {
+        vrk::exception outer(FILE_NAME, 1, vrk::ERR_VRK_RUNTIME);
+        {
+            vrk::exception inner(FILE_NAME, 2, vrk::ERR_VRK_LOGIC);
+            outer.append_exp(inner);
+        }
+        int count = 0;
+        for (vrk::exception cur = outer; cur.data() != nullptr; cur = cur.get_next())
+            count += cur.error_no() != 0;
+        benchmark::DoNotOptimize(count);
+    }
+}
+
+void chain_walk_nested(benchmark::State& state) {
+    for (auto _ : state) {
+        int count = 0;
+        try {
+            try {
+                throw std::logic_error("Logic error");
+            } catch (...) {
+                std::throw_with_nested(std::runtime_error("Runtime error"));
+            }
+        } catch (const std::exception& outer) {
+            ++count;
+            try {
+                std::rethrow_if_nested(outer);
+            } catch (const std::exception& inner) {
+                count += inner.what() != nullptr;
+            }
+        }
+        benchmark::DoNotOptimize(count);
+    }
+}
+
+} // namespace
+
+BENCHMARK(handle_copy_vrk)->Name("handle_copy/1thr/vrk");
+BENCHMARK(handle_copy_shared_ptr)->Name("handle_copy/1thr/shared_ptr");
+BENCHMARK(handle_copy_vrk)->Name("handle_copy/2thr/vrk")->Threads(2)->UseRealTime();
+BENCHMARK(handle_copy_shared_ptr)->Name("handle_copy/2thr/shared_ptr")->Threads(2)->UseRealTime();
+
+BENCHMARK(build_print_vrk)->Name("build_print/vrk");
+BENCHMARK(build_print_snprintf_malloc)->Name("build_print/snprintf_malloc");
+BENCHMARK(build_print_ostringstream)->Name("build_print/ostringstream");
+
+BENCHMARK(throw_catch_vrk)->Name("throw_catch/depth1/vrk")->Arg(1);
+BENCHMARK(throw_catch_runtime_error)->Name("throw_catch/depth1/runtime_error")->Arg(1);
+BENCHMARK(throw_catch_vrk)->Name("throw_catch/depth10/vrk")->Arg(10);
+BENCHMARK(throw_catch_runtime_error)->Name("throw_catch/depth10/runtime_error")->Arg(10);
+BENCHMARK(throw_catch_vrk)->Name("throw_catch_2thr/depth10/vrk")->Arg(10)->Threads(2)->UseRealTime();
+BENCHMARK(throw_catch_runtime_error)
+    ->Name("throw_catch_2thr/depth10/runtime_error")
+    ->Arg(10)
+    ->Threads(2)
+    ->UseRealTime();
+
+BENCHMARK(chain_walk_vrk)->Name("chain_walk/vrk");
+BENCHMARK(chain_walk_nested)->Name("chain_walk/nested");
+
+BENCHMARK_MAIN();
