@@ -27,15 +27,19 @@ using atomic_max_t = atomic_dword_t;
 
 namespace impl {
 
-// One slot of the lock table: 0 free, 1 held.
-struct HashLocks {
+// One slot of the lock table: 0 free, 1 held. Each slot has a cache line of
+// its own, so that threads spinning on or taking neighbouring slots do not
+// steal each other's line.
+struct alignas(64) HashLocks {
     int32_t isLocked;
 };
 
 inline constexpr size_t HASH_LOCK_COUNT = 701;
 
-// The process-wide table of 701 slots shared by every 128-bit atomic.
-HashLocks* getHashLocks() noexcept;
+// The process-wide table of 701 slots shared by every 128-bit atomic. Kept
+// visible here so that taking a slot is inline code, not a call.
+extern HashLocks s_lockwd[HASH_LOCK_COUNT];
+inline HashLocks* getHashLocks() noexcept { return s_lockwd; }
 
 struct Atomic128CAS {
     static size_t slot(const volatile void* word) noexcept {
