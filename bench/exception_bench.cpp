@@ -24,10 +24,7 @@
 #include <stdexcept>
 
 #include "vrk/exception.hpp"
-#if __has_include("vrk/ext/message_args.hpp")
 #include "vrk/ext/message_args.hpp"
-#define VRK_BENCH_ARGS 1
-#endif
 #include "vrk/memory.hpp"
 #include "vrk/sstream.hpp"
 
@@ -90,10 +87,8 @@ void build_print_vrk(benchmark::State& state) {
         vrk::exception e(FILE_NAME, 41, vrk::ERR_VRK_RUNTIME,
                          vrk::exception::CALLER_SUPPRESS_STACK_TRACE);
         e.append_message(FILE_NAME, 42, 2, MESSAGE);
-#ifdef VRK_BENCH_ARGS
         e << vrk::msgarg_text("FILE", FILE_ARG) << vrk::msgarg_int("ERRNO", 2)
           << vrk::msgarg_int("TRIES", 3);
-#endif
         os << e;
         benchmark::DoNotOptimize(os.rdbuf()->size());
     }
