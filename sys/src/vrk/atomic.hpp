@@ -117,6 +117,19 @@ template <> struct AtomicOperation<16> {
         Atomic128CAS::unlock(s);
         return equal;
     }
+    // Adds `delta` to the counter word (`hi`) and returns the value it
+    // replaced: a compare-and-swap whose expected value is the one read under
+    // the same hold of the lock, so it never has to be retried.
+    static atomic_dword_t add_hi(volatile atomic_dword_t& word, uint64_t delta) noexcept {
+        const size_t s = Atomic128CAS::slot(&word);
+        Atomic128CAS::lock(s);
+        atomic_dword_t prev;
+        prev.lo = __atomic_load_n(&word.lo, __ATOMIC_RELAXED);
+        prev.hi = __atomic_load_n(&word.hi, __ATOMIC_RELAXED);
+        __atomic_store_n(&word.hi, prev.hi + delta, __ATOMIC_RELAXED);
+        Atomic128CAS::unlock(s);
+        return prev;
+    }
     // A compare-and-swap that expects and writes zero: reads the value under
     // the lock.
     static atomic_dword_t read(volatile atomic_dword_t& word) noexcept {

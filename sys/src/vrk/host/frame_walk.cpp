@@ -41,8 +41,8 @@ struct frame_rule {
 
 // --- the rule table ----------------------------------------------------------
 //
-// One 64-bit word per entry, indexed by the low 12 bits of the address and
-// holding its remaining bits, so a word is either wholly one address's rule
+// One 64-bit word per entry, indexed by the low 14 bits of the address and
+// holding its remaining 33 bits (user addresses are below 2^47), so a word is either wholly one address's rule
 // or wholly another's: relaxed loads and stores are enough, and two threads
 // filling the same entry only overwrite each other. Packed rule (29 bits):
 // bit 0 cfa_rbp, bits 1-15 cfa_off, bit 16 rbp_saved, bits 17-28 the
@@ -50,7 +50,10 @@ struct frame_rule {
 // outermost frame (return address undefined). Only rules with the return
 // address at CFA - 8 are kept; others are computed on every walk.
 
-constexpr unsigned TABLE_BITS = 12;
+// 16384 entries (128 KiB, touched only where used): return addresses that
+// share an entry evict each other, which costs a new reading, never a wrong
+// rule.
+constexpr unsigned TABLE_BITS = 14;
 constexpr uint64_t TABLE_SIZE = uint64_t{1} << TABLE_BITS;
 constexpr unsigned RULE_BITS = 29;
 constexpr uint64_t RULE_MASK = (uint64_t{1} << RULE_BITS) - 1;
@@ -95,6 +98,7 @@ bool cached(uintptr_t pc, frame_rule* r) {
 
 void remember(uintptr_t pc, const frame_rule& r) {
     // Addresses above 2^47 (never user code on x86-64) do not fit the key.
+    static_assert(47 - TABLE_BITS + RULE_BITS <= 64, "key and rule share one word");
     uint64_t bits;
     if ((pc >> 47) != 0 || !pack(r, &bits))
         return;

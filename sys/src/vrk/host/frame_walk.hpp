@@ -6,7 +6,9 @@
 // pointer saved at a fixed offset or not at all), and remembers the rule of
 // every return address in a fixed table, so a repeated capture costs one
 // table look-up per frame. Never allocates, locks or resolves symbols; gives
-// up on anything else so that the caller can use the full unwinder.
+// up on anything else so that the caller can use the full unwinder. The
+// table is never emptied: a product that unloads a library and then runs
+// other code at the same addresses must bring its own capture hook.
 #pragma once
 
 namespace vrk_host {
