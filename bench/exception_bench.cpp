@@ -3,7 +3,8 @@
 // "vrk" is ours, every other last component is a peer (bench/run.sh pairs
 // them into a table).
 //
-//   handle_copy        copy and destroy of a handle / std::shared_ptr
+//   handle_copy        copy and destroy of a handle / std::shared_ptr (plain
+//                      counting while single-threaded, and atomic)
 //   build_print        create (no stack), append a message, three arguments,
 //                      long form into a reused string stream / snprintf into
 //                      a stack buffer plus two malloc/free / std::ostringstream
@@ -22,6 +23,7 @@
 #include <new>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "vrk/exception.hpp"
 #include "vrk/ext/message_args.hpp"
@@ -76,6 +78,15 @@ void handle_copy_shared_ptr(benchmark::State& state) {
         std::shared_ptr<int> copy(shared);
         benchmark::DoNotOptimize(&copy);
     }
+}
+
+// The standard library counts with plain arithmetic while the process has
+// one thread; this peer starts (and ends) a thread first, so it counts with
+// atomic operations as in any multi-threaded product. Benchmarks registered
+// after it run in a process that has had a second thread.
+void handle_copy_shared_ptr_atomic(benchmark::State& state) {
+    std::thread([] {}).join();
+    handle_copy_shared_ptr(state);
 }
 
 // --- build and print -----------------------------------------------------------
@@ -218,6 +229,7 @@ void chain_walk_nested(benchmark::State& state) {
 
 BENCHMARK(handle_copy_vrk)->Name("handle_copy/1thr/vrk");
 BENCHMARK(handle_copy_shared_ptr)->Name("handle_copy/1thr/shared_ptr");
+BENCHMARK(handle_copy_shared_ptr_atomic)->Name("handle_copy/1thr/shared_ptr_atomic");
 BENCHMARK(handle_copy_vrk)->Name("handle_copy/2thr/vrk")->Threads(2)->UseRealTime();
 BENCHMARK(handle_copy_shared_ptr)->Name("handle_copy/2thr/shared_ptr")->Threads(2)->UseRealTime();
 
