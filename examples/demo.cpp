@@ -15,20 +15,15 @@ const vrk::error_code ERR_DISK_FULL{5001, "Disk full while writing the journal",
 const vrk::error_code ERR_SAVE_FAILED{5002, "Saving the document failed", nullptr};
 
 [[noreturn]] void write_journal() {
-    vrk::runtime_error e("examples/demo.cpp", __LINE__, ERR_DISK_FULL);
-    e.append_message("examples/demo.cpp", __LINE__, 5001, "Journal segment 17 of 20");
-    e.register_on_thread();
-    vrk::impl::throw_check<vrk::runtime_error>(e).do_throw();
+    VRK_THROW(vrk::runtime_error, ERR_DISK_FULL);
 }
 
 void save_document() {
     try {
         write_journal();
     } catch (const vrk::exception& cause) {
-        vrk::runtime_error e("examples/demo.cpp", __LINE__, ERR_SAVE_FAILED);
-        e << cause; // the cause travels behind the new error
-        e.register_on_thread();
-        vrk::impl::throw_check<vrk::runtime_error>(e).do_throw();
+        // The cause travels behind the new error.
+        VRK_THROW(vrk::runtime_error, ERR_SAVE_FAILED) << cause;
     }
 }
 

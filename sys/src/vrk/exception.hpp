@@ -274,3 +274,4 @@ private:
 
 } // namespace impl
 } // namespace vrk
+#include "vrk/throw.hpp" // VRK_THROW: the throw site in one expression
