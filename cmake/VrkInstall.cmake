@@ -29,6 +29,7 @@ endif()
 # Relocatable: the prefix is found from where the .pc file lies, so the
 # package works wherever `cmake --install --prefix` puts it.
 file(RELATIVE_PATH VRK_PC_TO_PREFIX /root/${CMAKE_INSTALL_LIBDIR}/pkgconfig /root)
+string(REGEX REPLACE "/$" "" VRK_PC_TO_PREFIX "${VRK_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/vrk.pc.in ${CMAKE_CURRENT_BINARY_DIR}/vrk.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vrk.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

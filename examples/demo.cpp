@@ -10,11 +10,18 @@
 #include "vrk/sstream.hpp"
 
 namespace {
-
 const vrk::error_code ERR_DISK_FULL{5001, "Disk full while writing the journal", nullptr};
 const vrk::error_code ERR_SAVE_FAILED{5002, "Saving the document failed", nullptr};
+} // namespace
 
-[[noreturn]] void write_journal() {
+// Functions with external linkage: exported from the demo, so the default
+// host names them in traces even without debug information.
+namespace demo {
+
+[[noreturn]] void write_journal();
+void save_document();
+
+void write_journal() {
     VRK_THROW(vrk::runtime_error, ERR_DISK_FULL);
 }
 
@@ -26,6 +33,10 @@ void save_document() {
         VRK_THROW(vrk::runtime_error, ERR_SAVE_FAILED) << cause;
     }
 }
+
+} // namespace demo
+
+namespace {
 
 void print_chain(const vrk::exception& head) {
     int depth = 0;
@@ -55,7 +66,7 @@ int main() {
     int status = 1;
     std::thread worker([&] {
         try {
-            save_document();
+            demo::save_document();
         } catch (const vrk::exception& e) {
             std::printf("caught on the worker thread: %s\n", e.what());
             print_chain(e);
