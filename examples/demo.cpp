@@ -21,9 +21,7 @@ namespace demo {
 [[noreturn]] void write_journal();
 void save_document();
 
-void write_journal() {
-    VRK_THROW(vrk::runtime_error, ERR_DISK_FULL);
-}
+void write_journal() { VRK_THROW(vrk::runtime_error, ERR_DISK_FULL); }
 
 void save_document() {
     try {
@@ -76,7 +74,10 @@ int main() {
             std::printf("\nlong form:\n%s", long_form.c_str());
             vrk::string short_form = e.what(heap, true);
             std::printf("\nshort form:\n%s", short_form.c_str());
-            status = e.is_identified_by(ERR_SAVE_FAILED) && e.get_next().is_identified_by(ERR_DISK_FULL) ? 0 : 1;
+            status =
+                e.is_identified_by(ERR_SAVE_FAILED) && e.get_next().is_identified_by(ERR_DISK_FULL)
+                    ? 0
+                    : 1;
         }
     });
     worker.join();

@@ -94,7 +94,8 @@ TEST(DefaultHostStackPrint, FramesNameTheThrowSite) {
     EXPECT_NE(f0.find(" vrk_test_throw_site()+0x"), std::string::npos) << f0;
     EXPECT_NE(f0.find(" (vrk_default_host_tests)"), std::string::npos) << f0;
     if (vrk::host::frame_names::reads_debug_info()) {
-        EXPECT_NE(f0.find("stack_print_test.cpp:" + std::to_string(g_throw_line)), std::string::npos)
+        EXPECT_NE(f0.find("stack_print_test.cpp:" + std::to_string(g_throw_line)),
+                  std::string::npos)
             << f0;
         EXPECT_NE(f1.find(" (anonymous namespace)::call_throw_site()+0x"), std::string::npos) << f1;
         EXPECT_NE(f1.find("stack_print_test.cpp:" + std::to_string(g_call_line)), std::string::npos)

@@ -54,8 +54,8 @@ namespace {
 
 // Separate debug files are looked up locally by build id only: printing an
 // exception must not start a download of debug information.
-int find_debuginfo_locally(Dwfl_Module* mod, void** userdata, const char* modname,
-                           Dwarf_Addr base, const char* file_name, const char* debuglink_file,
+int find_debuginfo_locally(Dwfl_Module* mod, void** userdata, const char* modname, Dwarf_Addr base,
+                           const char* file_name, const char* debuglink_file,
                            GElf_Word debuglink_crc, char** debuginfo_file_name) {
     return dwfl_build_id_find_debuginfo(mod, userdata, modname, base, file_name, debuglink_file,
                                         debuglink_crc, debuginfo_file_name);
@@ -131,8 +131,8 @@ const char* debug_info_function(Dwfl_Module* mod, Dwarf_Addr addr, Dwarf_Addr& e
         Dwarf_Attribute attr;
         name = dwarf_formstring(dwarf_attr_integrate(&scopes[i], DW_AT_linkage_name, &attr));
         if (name == nullptr)
-            name = dwarf_formstring(
-                dwarf_attr_integrate(&scopes[i], DW_AT_MIPS_linkage_name, &attr));
+            name =
+                dwarf_formstring(dwarf_attr_integrate(&scopes[i], DW_AT_MIPS_linkage_name, &attr));
         if (name == nullptr)
             name = dwarf_diename(&scopes[i]);
         Dwarf_Addr low = 0;
