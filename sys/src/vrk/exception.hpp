@@ -274,4 +274,6 @@ private:
 
 } // namespace impl
 } // namespace vrk
+
+#include "vrk/ext/message_args.hpp"
 #include "vrk/throw.hpp" // VRK_THROW: the throw site in one expression
