@@ -10,7 +10,7 @@
 #include "vrk/sstream.hpp"
 
 namespace {
-const vrk::error_code ERR_DISK_FULL{5001, "Disk full while writing the journal", nullptr};
+const vrk::error_code ERR_DISK_FULL{5001, "Disk full while writing $FILE$", nullptr};
 const vrk::error_code ERR_SAVE_FAILED{5002, "Saving the document failed", nullptr};
 } // namespace
 
@@ -21,7 +21,12 @@ namespace demo {
 [[noreturn]] void write_journal();
 void save_document();
 
-void write_journal() { VRK_THROW(vrk::runtime_error, ERR_DISK_FULL); }
+void write_journal() {
+    VRK_THROW(vrk::runtime_error, ERR_DISK_FULL)
+        << vrk::msgarg_text("FILE", "journal.db")
+        << vrk::error_message(__FILE__, __LINE__, 5001, "Journal segment $SEGMENT$ of $COUNT$")
+        << vrk::msgarg_int("SEGMENT", 17) << vrk::msgarg_int("COUNT", 20);
+}
 
 void save_document() {
     try {

@@ -75,6 +75,35 @@ TEST_F(Throw, StreamedItemsAreAppendedBeforeTheThrow) {
     EXPECT_EQ(vrk_test::counters().forgotten, 0);
 }
 
+TEST_F(Throw, ArgumentsAndMessagesGoToTheLatestMessage) {
+    const vrk::error_code disk_full{4713, "Disk full while writing $FILE$", nullptr};
+    try {
+        VRK_THROW(vrk::runtime_error, disk_full)
+            << vrk::msgarg_text("FILE", "journal.db")
+            << vrk::error_message("journal.cpp", 40, 4714, "Segment $SEGMENT$")
+            << vrk::msgarg_int("SEGMENT", 17);
+    } catch (const vrk::runtime_error& e) {
+        vrk::message_iterator node = e.begin();
+        ASSERT_NE(node, e.end());
+        EXPECT_STREQ(node->message(), "Disk full while writing $FILE$");
+        ++node;
+        ASSERT_NE(node, e.end());
+        EXPECT_EQ(node->line(), 40);
+        EXPECT_EQ(++node, e.end());
+        EXPECT_STREQ(e.get_msgarg_by_name("FILE"), "journal.db");
+        // SEGMENT belongs to the second message, which the lookup (first
+        // message only) does not see.
+        EXPECT_STREQ(e.get_msgarg_by_name("SEGMENT"), "");
+        vrk_test::test_allocator texts;
+        {
+            const vrk::string text = e.what(texts, true);
+            EXPECT_STREQ(text.c_str(), "exception 4713: Disk full while writing journal.db\n"
+                                       "exception 4714: Segment 17\n");
+        }
+        EXPECT_EQ(texts.balance(), 0);
+    }
+}
+
 TEST_F(Throw, SwallowedThrowIsReportedExactlyOnce) {
     try {
         throw_overflow(nullptr);
