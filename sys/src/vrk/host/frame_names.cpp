@@ -113,13 +113,27 @@ Dwfl_Module* module_of(Dwarf_Addr addr, bool& refreshed) {
     return mod;
 }
 
+// The compilation unit holding `addr`, and the bias to subtract from `addr`
+// to get its DWARF addresses. The address-range table answers directly; clang
+// does not emit that table by default, so without an answer the units are
+// searched one by one.
+Dwarf_Die* unit_of(Dwfl_Module* mod, Dwarf_Addr addr, Dwarf_Addr& bias) {
+    if (Dwarf_Die* cu = dwfl_module_addrdie(mod, addr, &bias))
+        return cu;
+    Dwarf_Die* cu = nullptr;
+    while ((cu = dwfl_module_nextcu(mod, cu, &bias)) != nullptr)
+        if (dwarf_haspc(cu, addr - bias) > 0)
+            return cu;
+    return nullptr;
+}
+
 // The name of the function whose code holds `addr` from the debug
 // information: the outermost subprogram of its scopes, so that it names the
 // same function as a symbol would even where code was inlined into it.
 // Sets `entry` to its entry address when known.
 const char* debug_info_function(Dwfl_Module* mod, Dwarf_Addr addr, Dwarf_Addr& entry) {
     Dwarf_Addr bias = 0;
-    Dwarf_Die* cu = dwfl_module_addrdie(mod, addr, &bias);
+    Dwarf_Die* cu = unit_of(mod, addr, bias);
     if (cu == nullptr)
         return nullptr;
     Dwarf_Die* scopes = nullptr;
@@ -188,11 +202,14 @@ void frame_names::write(vrk::ostream& os, const void* pc) {
             os << " (" << base_name(name) << ')';
 
     if (mod != nullptr) {
-        if (Dwfl_Line* line = dwfl_module_getsrc(mod, call)) {
-            int lineno = 0;
-            const char* file = dwfl_lineinfo(line, nullptr, &lineno, nullptr, nullptr, nullptr);
-            if (file != nullptr)
-                os << " at " << file << ':' << lineno;
+        Dwarf_Addr bias = 0;
+        if (Dwarf_Die* cu = unit_of(mod, call, bias)) {
+            if (Dwarf_Line* line = dwarf_getsrc_die(cu, call - bias)) {
+                int lineno = 0;
+                const char* file = dwarf_linesrc(line, nullptr, nullptr);
+                if (file != nullptr && dwarf_lineno(line, &lineno) == 0)
+                    os << " at " << file << ':' << lineno;
+            }
         }
     }
 }
