@@ -112,20 +112,47 @@ TEST_F(Throw, SwallowedThrowIsReportedExactlyOnce) {
     EXPECT_EQ(vrk_test::forgotten_errors(), std::vector<int>{4711});
 }
 
-TEST_F(Throw, MessageTextConstructorsOfTheDerivedClasses) {
-    try {
-        VRK_THROW(vrk::underflow_error, "broken invariant");
-    } catch (const vrk::underflow_error& e) {
-        EXPECT_STREQ(e.what(), "broken invariant");
-        EXPECT_EQ(e.error_no(), vrk::ERR_VRK_UNDERFLOW.number());
-        e.mark_processed();
+TEST_F(Throw, OtherFormsOfTheThrowSite) {
+    {
+        // A message text instead of an error code (the class's own number).
+        try {
+            VRK_THROW(vrk::underflow_error, "broken invariant");
+        } catch (const vrk::underflow_error& e) {
+            EXPECT_STREQ(e.what(), "broken invariant");
+            EXPECT_EQ(e.error_no(), vrk::ERR_VRK_UNDERFLOW.number());
+            e.mark_processed();
+        }
     }
-    try {
-        VRK_THROW_AT("sys/src/vrk/string", 77, vrk::exception, CODE);
-    } catch (const vrk::exception& e) {
-        EXPECT_STREQ(e.file().get(), "sys/src/vrk/string");
-        EXPECT_EQ(e.line(), 77);
-        e.mark_processed();
+    {
+        // A file name given by the library's own code.
+        try {
+            VRK_THROW_AT("sys/src/vrk/string", 77, vrk::exception, CODE);
+        } catch (const vrk::exception& e) {
+            EXPECT_STREQ(e.file().get(), "sys/src/vrk/string");
+            EXPECT_EQ(e.line(), 77);
+            e.mark_processed();
+        }
+    }
+    {
+        // A helper raising for its caller: the stack starts where it says.
+        static const int marker = 0;
+        try {
+            VRK_THROW_AT_CALLER("sys/src/vrk/ios", 12, &marker, vrk::runtime_error, "helper");
+        } catch (const vrk::runtime_error& e) {
+            void** frames = nullptr;
+            ASSERT_EQ(e.stack_trace(&frames), 3);
+            EXPECT_EQ(frames[0], &marker);
+            e.mark_processed();
+        }
+        const int captures = vrk_test::counters().captures;
+        try {
+            VRK_THROW_AT_CALLER("sys/src/vrk/ios", 13, vrk::exception::CALLER_SUPPRESS_STACK_TRACE,
+                                vrk::exception, CODE);
+        } catch (const vrk::exception& e) {
+            EXPECT_EQ(e.stack_trace(nullptr), 0);
+            EXPECT_EQ(vrk_test::counters().captures, captures);
+            e.mark_processed();
+        }
     }
 }
 

@@ -48,6 +48,15 @@ __attribute__((noinline)) throw_site<T> make_throw_site(const char* fname, int l
     return throw_site<T>(fname, line, __builtin_return_address(0), args...);
 }
 
+// Builds the exception with a caller position given by the throw site: for
+// out-of-line helpers that raise on behalf of the function that detected the
+// error and pass that function's return address.
+template <class T, class... Args>
+throw_site<T> make_throw_site_from(const void* caller, const char* fname, int line,
+                                   const Args&... args) noexcept {
+    return throw_site<T>(fname, line, caller, args...);
+}
+
 // The last step of a throw site: registers and throws. Reached through
 // assignment, whose precedence is below `<<`, so every streamed item is
 // appended before the throw.
@@ -61,13 +70,21 @@ struct throw_now {
 } // namespace vrk::impl
 
 // Throws a T built as T(fname, line, args..., caller) (args: an error code,
-// or a message text for the derived classes), after the streamed items have
-// been appended. fname is used as given: pass the path the product should
-// show (the library's own code names its files "sys/src/vrk/...").
+// a message text for the derived classes, or nothing for a class that takes
+// neither), after the streamed items have been appended. fname is used as
+// given: pass the path the product should show (the library's own code names
+// its files "sys/src/vrk/..."). The stack is recorded from the throw site on.
 #define VRK_THROW_AT(fname, line, T, ...)                                                          \
-    ::vrk::impl::throw_now() = ::vrk::impl::make_throw_site<T>(fname, line, __VA_ARGS__)
+    ::vrk::impl::throw_now() =                                                                     \
+        ::vrk::impl::make_throw_site<T>(fname, line __VA_OPT__(, ) __VA_ARGS__)
+
+// As VRK_THROW_AT, with the stack recorded from `caller` on (a return
+// address, or vrk::exception::CALLER_SUPPRESS_STACK_TRACE for none).
+#define VRK_THROW_AT_CALLER(fname, line, caller, T, ...)                                           \
+    ::vrk::impl::throw_now() =                                                                     \
+        ::vrk::impl::make_throw_site_from<T>(caller, fname, line __VA_OPT__(, ) __VA_ARGS__)
 
 // As VRK_THROW_AT with this source file and line. __FILE__ is the path the
 // compiler was given; build with -fmacro-prefix-map=<source dir>/= to keep
 // it relative to the source tree.
-#define VRK_THROW(T, ...) VRK_THROW_AT(__FILE__, __LINE__, T, __VA_ARGS__)
+#define VRK_THROW(T, ...) VRK_THROW_AT(__FILE__, __LINE__, T __VA_OPT__(, ) __VA_ARGS__)
