@@ -166,13 +166,29 @@ struct reader {
         if ((enc & 0x70) == 0x50) // aligned
             return false;
         switch (enc & 0x0f) {
-        case 0x00: skip(8); break;          // absptr
-        case 0x01: uleb(); break;           // uleb128
-        case 0x02: case 0x0a: skip(2); break;
-        case 0x03: case 0x0b: skip(4); break;
-        case 0x04: case 0x0c: skip(8); break;
-        case 0x09: sleb(); break;           // sleb128
-        default: return false;
+        case 0x00:
+            skip(8);
+            break; // absptr
+        case 0x01:
+            uleb();
+            break; // uleb128
+        case 0x02:
+        case 0x0a:
+            skip(2);
+            break;
+        case 0x03:
+        case 0x0b:
+            skip(4);
+            break;
+        case 0x04:
+        case 0x0c:
+            skip(8);
+            break;
+        case 0x09:
+            sleb();
+            break; // sleb128
+        default:
+            return false;
         }
         return ok;
     }
@@ -314,7 +330,9 @@ bool run_program(const uint8_t* insns, const uint8_t* end, const cie_info& cie, 
         switch (op) {
         case 0x00: // nop
             break;
-        case 0x02: case 0x03: case 0x04: { // advance_loc1/2/4
+        case 0x02:
+        case 0x03:
+        case 0x04: { // advance_loc1/2/4
             uint64_t delta = r.byte();
             if (op >= 0x03)
                 delta |= static_cast<uint64_t>(r.byte()) << 8;
@@ -373,7 +391,8 @@ bool run_program(const uint8_t* insns, const uint8_t* end, const cie_info& cie, 
             s->cfa_expr = true;
             r.skip(r.uleb());
             break;
-        case 0x10: case 0x16: { // expression, val_expression
+        case 0x10:
+        case 0x16: { // expression, val_expression
             set_other(static_cast<unsigned>(r.uleb()), 3);
             r.skip(r.uleb());
             break;
@@ -391,7 +410,8 @@ bool run_program(const uint8_t* insns, const uint8_t* end, const cie_info& cie, 
         case 0x13: // def_cfa_offset_sf
             s->cfa_off = r.sleb() * cie.data_align;
             break;
-        case 0x14: case 0x15: { // val_offset, val_offset_sf
+        case 0x14:
+        case 0x15: { // val_offset, val_offset_sf
             set_other(static_cast<unsigned>(r.uleb()), 3);
             if (op == 0x14)
                 r.uleb();
@@ -422,8 +442,8 @@ lookup find_rule(uintptr_t pc, frame_rule* rule) {
     if (cached(pc, rule))
         return lookup::found;
     dwarf_eh_bases bases{};
-    const auto* fde = static_cast<const uint8_t*>(
-        _Unwind_Find_FDE(reinterpret_cast<void*>(pc), &bases));
+    const auto* fde =
+        static_cast<const uint8_t*>(_Unwind_Find_FDE(reinterpret_cast<void*>(pc), &bases));
     if (fde == nullptr)
         return lookup::no_fde;
     const uint32_t len = load32(fde);
@@ -471,8 +491,8 @@ constexpr uintptr_t MAX_FRAME = uintptr_t{1} << 20;
 
 // Not instrumented by the address sanitizer: it reads the saved words of
 // other frames, as the runtime's unwinder does.
-__attribute__((noinline, no_sanitize_address)) walk_result walk_stack(void** frames, unsigned max_frames,
-                                                 const void* caller, unsigned* count) noexcept {
+__attribute__((noinline, no_sanitize_address)) walk_result
+walk_stack(void** frames, unsigned max_frames, const void* caller, unsigned* count) noexcept {
     *count = 0;
 #if defined(__x86_64__)
     uintptr_t pc;
