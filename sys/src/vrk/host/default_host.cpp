@@ -1,9 +1,10 @@
 // The default host: the hooks a product supplies, in a form that lets the
 // facility run on its own.
 //
-// File names are kept as given; stacks are captured with the unwinder of the
-// language runtime (never resolving symbols and never allocating on the
-// capture path); forgotten exceptions are noted on the error output; each
+// File names are kept as given; stacks are captured by a fast walk over the
+// call-frame information, or the unwinder of the language runtime where the
+// walk gives up (never resolving symbols and never allocating on the capture
+// path); forgotten exceptions are noted on the error output; each
 // thread's registration head lives in a thread-local callback object; aborts
 // report to the error output and end the process; the default allocator is
 // the platform heap.
@@ -18,6 +19,8 @@
 #include <new>
 
 #include "vrk/exception.hpp"
+#include "vrk/host/frame_names.hpp"
+#include "vrk/host/frame_walk.hpp"
 #include "vrk/import.hpp"
 #include "vrk/ostream.hpp"
 
@@ -71,6 +74,18 @@ _Unwind_Reason_Code collect_frame(_Unwind_Context* context, void* arg) {
     }
     state->frames[state->count++] = const_cast<void*>(ip);
     return state->count < state->max_frames ? _URC_NO_REASON : _URC_END_OF_STACK;
+}
+
+// The runtime's unwinder: every frame it can describe, slowly.
+unsigned unwinder_capture(void** frames, unsigned max_frames, const void* caller) noexcept {
+    capture_state state{frames, max_frames, 0, caller, caller == nullptr, 0};
+    _Unwind_Backtrace(collect_frame, &state);
+    if (state.count == 0 && !state.started) {
+        // `caller` was not on the stack: record from the top instead.
+        state = capture_state{frames, max_frames, 0, nullptr, true, 0};
+        _Unwind_Backtrace(collect_frame, &state);
+    }
+    return state.count;
 }
 
 // The unwinder finds and caches the unwind tables on first use; doing that
@@ -136,47 +151,36 @@ unsigned vrk_extern::import::save_stack_trace(void** frames, unsigned max_frames
                                               const void* caller) noexcept {
     if (max_frames == 0)
         return 0;
-    capture_state state{frames, max_frames, 0, caller, caller == nullptr, 0};
-    _Unwind_Backtrace(collect_frame, &state);
-    if (state.count == 0 && !state.started) {
+    // The fast walk serves plain frames from its rule table; a frame it does
+    // not handle sends the whole capture to the runtime's unwinder.
+    unsigned count = 0;
+    if (vrk_host::walk_stack(frames, max_frames, caller, &count) == vrk_host::walk_result::done) {
+        if (count != 0 || caller == nullptr)
+            return count;
         // `caller` was not on the stack: record from the top instead.
-        state = capture_state{frames, max_frames, 0, nullptr, true, 0};
-        _Unwind_Backtrace(collect_frame, &state);
+        if (vrk_host::walk_stack(frames, max_frames, nullptr, &count) ==
+            vrk_host::walk_result::done)
+            return count;
     }
-    return state.count;
+    return unwinder_capture(frames, max_frames, caller);
 }
 
 // One frame a line, numbered:
-//   #0  0x000055d4c8a0b1c4 app::save_document()+0x54 (app)
-// The address is a return address; the symbol is the nearest exported one
-// before it as the dynamic linker knows it (link with -rdynamic for the
-// functions of an executable), the module the file it was loaded from.
-// Symbols are resolved here, when printing, never when capturing.
+//   #0  0x000055d4c8a0b1c4 app::save_document()+0x54 (app) at /src/app/save.cpp:32
+// The address is a return address as captured; function, module and source
+// line are those of the call in front of it (see vrk/host/frame_names.hpp).
+// Without debug information, the function is the nearest exported symbol as
+// the dynamic linker knows it (link with -rdynamic for the functions of an
+// executable) and the source line is left out. Symbols are resolved here,
+// when printing, never when capturing.
 void vrk_extern::import::print_stack_trace(vrk::ostream* os, void** frames, unsigned count) {
+    vrk::host::frame_names names;
     for (unsigned i = 0; i < count; ++i) {
-        char line[160];
-        int n = std::snprintf(line, sizeof line, "#%-2u 0x%016lx", i,
-                              reinterpret_cast<unsigned long>(frames[i]));
+        char line[40];
+        const int n = std::snprintf(line, sizeof line, "#%-2u 0x%016lx", i,
+                                    reinterpret_cast<unsigned long>(frames[i]));
         os->write(line, n);
-        Dl_info info{};
-        if (dladdr(frames[i], &info) == 0) {
-            *os << vrk::endl;
-            continue;
-        }
-        if (info.dli_sname != nullptr) {
-            int status = -1;
-            char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-            *os << ' ' << (status == 0 && demangled != nullptr ? demangled : info.dli_sname);
-            std::free(demangled);
-            n = std::snprintf(line, sizeof line, "+0x%lx",
-                              static_cast<unsigned long>(static_cast<const char*>(frames[i]) -
-                                                         static_cast<const char*>(info.dli_saddr)));
-            os->write(line, n);
-        }
-        if (info.dli_fname != nullptr) {
-            const char* slash = std::strrchr(info.dli_fname, '/');
-            *os << " (" << (slash != nullptr ? slash + 1 : info.dli_fname) << ')';
-        }
+        names.write(*os, frames[i]);
         *os << vrk::endl;
     }
 }
