@@ -12,8 +12,7 @@ namespace vrk {
 // Makes an empty exception object of one class from `alloc`, after reading
 // that class's part of the type header from `inp`. May return an empty
 // pointer.
-using exception_creator = auto_ptr<exception, default_deleter> (*)(istream& inp,
-                                                                  allocator& alloc);
+using exception_creator = auto_ptr<exception, default_deleter> (*)(istream& inp, allocator& alloc);
 
 // The creator registered for `type`, or null.
 exception_creator exception_by_type(unsigned short type) noexcept;

@@ -39,9 +39,9 @@ const char* const IMPORTED_BAD_ALLOC_TEXT = "Bad allocation in exception object 
 
 // Raises a runtime_error located in the caller of the function that found
 // the fault, with `text` and two unsigned arguments in decimal.
-[[noreturn]] __attribute__((noinline)) void throw_deserialize_error_(
-    int line, const void* caller, const char* text, const char* name1, uint32_t value1,
-    const char* name2, uint32_t value2) {
+[[noreturn]] __attribute__((noinline)) void
+throw_deserialize_error_(int line, const void* caller, const char* text, const char* name1,
+                         uint32_t value1, const char* name2, uint32_t value2) {
     runtime_error e(impl::EXCEPTION_SOURCE_FILE, line, ERR_VRK_RUNTIME, caller);
     e.append_message(impl::EXCEPTION_SOURCE_FILE, line, ERR_VRK_RUNTIME.number(), text);
     e << msgarg_uint(name1, value1) << msgarg_uint(name2, value2);
@@ -52,8 +52,7 @@ const char* const IMPORTED_BAD_ALLOC_TEXT = "Bad allocation in exception object 
 
 [[noreturn]] void throw_bad_pattern_(int line, const void* caller, uint32_t current,
                                      uint32_t expect) {
-    throw_deserialize_error_(line, caller, BAD_PATTERN_TEXT, "CURRENT", current, "EXPECT",
-                             expect);
+    throw_deserialize_error_(line, caller, BAD_PATTERN_TEXT, "CURRENT", current, "EXPECT", expect);
 }
 
 // A buffer from `ma` that goes back to it unless ownership is taken.
@@ -283,15 +282,14 @@ __attribute__((noinline)) void exception::inflate(istream& inp) {
             const int code = static_cast<int>(read_int(inp));
             const int line = static_cast<int>(read_int(inp));
             const uint32_t fname_len = read_int(inp);
-            pending_buffer fname(ma, fname_len != 0 ? read_text_(inp, fname_len, ma, caller)
-                                                    : nullptr);
+            pending_buffer fname(ma,
+                                 fname_len != 0 ? read_text_(inp, fname_len, ma, caller) : nullptr);
             const uint32_t msg_len = read_int(inp);
             check_length_(msg_len, caller);
             // A long message is read before its node is allocated, so that
             // the node's size is never taken on trust.
-            pending_buffer staged(ma, msg_len >= DIRECT_READ
-                                          ? read_text_(inp, msg_len, ma, caller)
-                                          : nullptr);
+            pending_buffer staged(ma, msg_len >= DIRECT_READ ? read_text_(inp, msg_len, ma, caller)
+                                                             : nullptr);
             exception_node* node;
             if (block == nullptr) {
                 block = new_block_(ma, msg_len, fname, line, err_no, caller);
