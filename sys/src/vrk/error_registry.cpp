@@ -9,9 +9,9 @@ const error_category& vrk_category() noexcept {
 }
 
 #define VRK_DEFINE_ERROR(NAME, NUMBER, TEXT)                                                       \
-    const error_code& vrk__##NAME() noexcept {                                                   \
-        static const error_code code{NUMBER, TEXT, &vrk_category()};                             \
-        return code;                                                                             \
+    const error_code& vrk__##NAME() noexcept {                                                     \
+        static const error_code code{NUMBER, TEXT, &vrk_category()};                               \
+        return code;                                                                               \
     }
 
 VRK_DEFINE_ERROR(ERR_VRK_RUNTIME, 1001, "Runtime error")

@@ -26,7 +26,6 @@ namespace vrk {
 
 template <class T> class auto_object;
 
-
 // Forward iterator over the message nodes of one exception.
 class message_iterator {
 public:
@@ -188,7 +187,8 @@ private:
     // --- end of serialization -----------------------------------------------
 
 protected:
-    exception(const char* fname, int line, int err_no, const char* msg, const void* caller) noexcept;
+    exception(const char* fname, int line, int err_no, const char* msg,
+              const void* caller) noexcept;
     explicit exception(volatile exception_data* ptr) noexcept;
 
     virtual void store_type(ostream& os) const;
@@ -243,15 +243,15 @@ ostream& operator<<(ostream& os, const exception& e);
 // The library's derived error classes. Each can be built from an error code,
 // or from a message text with the class's own registry number. All but
 // logic_error throw themselves with their own type.
-#define VRK_DERIVED_EXCEPTION_CONSTRUCTORS(NAME)                                                  \
+#define VRK_DERIVED_EXCEPTION_CONSTRUCTORS(NAME)                                                   \
 public:                                                                                            \
-    NAME(const char* fname, int line, const error_code& error, const void* caller) noexcept      \
-        : exception(fname, line, error.err_no_, error.err_text_, caller) {}                      \
-    NAME(const char* fname, int line, const error_code& error) noexcept;                         \
-    NAME(const char* fname, int line, const char* msg, const void* caller) noexcept;             \
+    NAME(const char* fname, int line, const error_code& error, const void* caller)                 \
+    noexcept : exception(fname, line, error.err_no_, error.err_text_, caller) {}                   \
+    NAME(const char* fname, int line, const error_code& error) noexcept;                           \
+    NAME(const char* fname, int line, const char* msg, const void* caller) noexcept;               \
                                                                                                    \
 protected:                                                                                         \
-    explicit NAME(volatile exception_data* ptr) noexcept : exception(ptr) {}                     \
+    explicit NAME(volatile exception_data* ptr) noexcept : exception(ptr) {}                       \
                                                                                                    \
 public:
 

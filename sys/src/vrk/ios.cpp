@@ -74,8 +74,8 @@ void basic_ios<char>::init_fill_() {
 }
 
 basic_ios<char>::stream_guard::stream_guard(basic_ios& strm, iostate st)
-    : p_stream_(&strm), fill_ch_(strm.fill()), width_(strm.width_),
-      precision_(strm.precision_), flags_(strm.flags_), exception_(strm.exception_) {
+    : p_stream_(&strm), fill_ch_(strm.fill()), width_(strm.width_), precision_(strm.precision_),
+      flags_(strm.flags_), exception_(strm.exception_) {
     strm.exceptions(st);
 }
 

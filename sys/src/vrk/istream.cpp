@@ -20,8 +20,8 @@ template <class T> istream_t& extract_number(istream_t& is, T& v) {
     basic_ios<char>::require_facet_(is.num_get_facet());
     ios_base::iostate err = ios_base::goodbit;
     if (!impl::stream_region(is, [&] {
-            is.num_get_facet()->get(istreambuf_iterator(is.rdbuf()), istreambuf_iterator(), is,
-                                    err, v);
+            is.num_get_facet()->get(istreambuf_iterator(is.rdbuf()), istreambuf_iterator(), is, err,
+                                    v);
         }))
         return is;
     if (err != ios_base::goodbit)
@@ -64,7 +64,8 @@ basic_istream<char>::sentry::sentry(basic_istream& is, bool noskip) : ok_(false)
                         ctype_missing = true;
                         return;
                     }
-                    while (c != END && ct->is(ctype_base::space, char_traits<char>::to_char_type(c))) {
+                    while (c != END &&
+                           ct->is(ctype_base::space, char_traits<char>::to_char_type(c))) {
                         sb->sbumpc();
                         c = sb->sgetc();
                     }

@@ -17,10 +17,10 @@ const locale& classic_locale() noexcept {
     static const ctype<char> ctype_facet;
     static const num_put num_put_facet;
     static const num_get num_get_facet;
-    static const locale loc = locale(
-        locale(locale(locale::none(), locale::id(locale::CTYPE_ID), &ctype_facet),
-               locale::id(locale::NUM_PUT_ID), &num_put_facet),
-        locale::id(locale::NUM_GET_ID), &num_get_facet);
+    static const locale loc =
+        locale(locale(locale(locale::none(), locale::id(locale::CTYPE_ID), &ctype_facet),
+                      locale::id(locale::NUM_PUT_ID), &num_put_facet),
+               locale::id(locale::NUM_GET_ID), &num_get_facet);
     return loc;
 }
 

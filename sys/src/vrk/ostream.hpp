@@ -64,7 +64,9 @@ public:
 
     basic_ostream& operator<<(long v) { return impl::ostreamInsert(*this, v); }
     basic_ostream& operator<<(unsigned long v) { return impl::ostreamInsert(*this, v); }
-    basic_ostream& operator<<(long long v) { return impl::ostreamInsert(*this, static_cast<long>(v)); }
+    basic_ostream& operator<<(long long v) {
+        return impl::ostreamInsert(*this, static_cast<long>(v));
+    }
     basic_ostream& operator<<(unsigned long long v) {
         return impl::ostreamInsert(*this, static_cast<unsigned long>(v));
     }
@@ -76,7 +78,9 @@ public:
             return impl::ostreamInsert(*this, static_cast<long>(static_cast<unsigned int>(v)));
         return impl::ostreamInsert(*this, static_cast<long>(v));
     }
-    basic_ostream& operator<<(unsigned int v) { return impl::ostreamInsert(*this, static_cast<long>(v)); }
+    basic_ostream& operator<<(unsigned int v) {
+        return impl::ostreamInsert(*this, static_cast<long>(v));
+    }
     basic_ostream& operator<<(short v) {
         const fmtflags base = flags() & basefield;
         if (base == oct || base == hex)

@@ -10,8 +10,7 @@ namespace {
 constexpr int END = char_traits<char>::eof();
 }
 
-basic_stringbuf<char>::basic_stringbuf(allocator& ma)
-    : basic_stringbuf(impl::in | impl::out, ma) {}
+basic_stringbuf<char>::basic_stringbuf(allocator& ma) : basic_stringbuf(impl::in | impl::out, ma) {}
 
 basic_stringbuf<char>::basic_stringbuf(impl::IosOpenmode mode, allocator& ma)
     : string_(ma), mode_(mode) {}

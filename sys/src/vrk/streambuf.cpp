@@ -6,8 +6,8 @@
 namespace vrk {
 
 basic_streambuf<char>::basic_streambuf() noexcept
-    : in_beg_(nullptr), in_cur_(nullptr), in_end_(nullptr), out_beg_(nullptr),
-      out_cur_(nullptr), out_end_(nullptr), buf_locale_() {}
+    : in_beg_(nullptr), in_cur_(nullptr), in_end_(nullptr), out_beg_(nullptr), out_cur_(nullptr),
+      out_end_(nullptr), buf_locale_() {}
 
 basic_streambuf<char>::~basic_streambuf() = default;
 

@@ -43,12 +43,8 @@ public:
     streamsize in_avail() {
         return in_cur_ < in_end_ ? static_cast<streamsize>(in_end_ - in_cur_) : showmanyc();
     }
-    int sgetc() {
-        return in_cur_ < in_end_ ? traits_type::to_int_type(*in_cur_) : underflow();
-    }
-    int sbumpc() {
-        return in_cur_ < in_end_ ? traits_type::to_int_type(*in_cur_++) : uflow();
-    }
+    int sgetc() { return in_cur_ < in_end_ ? traits_type::to_int_type(*in_cur_) : underflow(); }
+    int sbumpc() { return in_cur_ < in_end_ ? traits_type::to_int_type(*in_cur_++) : uflow(); }
     int snextc() { return sbumpc() == traits_type::eof() ? traits_type::eof() : sgetc(); }
     streamsize sgetn(char* s, streamsize n) { return xsgetn(s, n); }
     int sputbackc(char c) {

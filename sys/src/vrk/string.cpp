@@ -173,8 +173,7 @@ template <class CharT> void string_base<CharT>::tidy_(size_t new_sz) noexcept {
 
 // --- basic_string ----------------------------------------------------------
 
-template <class CharT>
-basic_string<CharT>::basic_string(const CharT* s, allocator& ma) : base(ma) {
+template <class CharT> basic_string<CharT>::basic_string(const CharT* s, allocator& ma) : base(ma) {
     assign(s);
 }
 
@@ -183,7 +182,8 @@ basic_string<CharT>::basic_string(const CharT* s, size_t n, allocator& ma) : bas
     assign(s, n);
 }
 
-template <class CharT> basic_string<CharT>& basic_string<CharT>::operator=(const basic_string& rhs) {
+template <class CharT>
+basic_string<CharT>& basic_string<CharT>::operator=(const basic_string& rhs) {
     if (this == &rhs)
         return *this;
     this->check_writable();
@@ -217,8 +217,7 @@ template <class CharT> basic_string<CharT>& basic_string<CharT>::assign(const Ch
     return assign(s, n);
 }
 
-template <class CharT>
-basic_string<CharT>& basic_string<CharT>::assign(const CharT* p, size_t n) {
+template <class CharT> basic_string<CharT>& basic_string<CharT>::assign(const CharT* p, size_t n) {
     this->check_writable();
     const CharT* cur = this->chars_();
     const uintptr_t roff = reinterpret_cast<uintptr_t>(p) - reinterpret_cast<uintptr_t>(cur);
@@ -362,8 +361,7 @@ template <class CharT> basic_string<CharT>& basic_string<CharT>::append(const Ch
     return append(s, n);
 }
 
-template <class CharT>
-basic_string<CharT>& basic_string<CharT>::append(const CharT* p, size_t n) {
+template <class CharT> basic_string<CharT>& basic_string<CharT>::append(const CharT* p, size_t n) {
     this->check_writable();
     const size_t new_sz = VRK_ADD_SIZE(this->size_, n);
     VRK_CHECK_SIZE(new_sz);
@@ -433,8 +431,7 @@ template <class CharT> int basic_string<CharT>::compare(const CharT* s) const no
     return compare(s, n);
 }
 
-template <class CharT>
-basic_string<CharT> basic_string<CharT>::substr(size_t pos, size_t n) const {
+template <class CharT> basic_string<CharT> basic_string<CharT>::substr(size_t pos, size_t n) const {
     const size_t sz = this->size_;
     if (pos > sz)
         throwOutOfRange(FILE_NAME, __LINE__, pos, 0, sz);
@@ -452,15 +449,13 @@ basic_string<CharT> operator+(const basic_string<CharT>& a, const basic_string<C
     return r;
 }
 
-template <class CharT>
-basic_string<CharT> operator+(const basic_string<CharT>& a, const CharT* b) {
+template <class CharT> basic_string<CharT> operator+(const basic_string<CharT>& a, const CharT* b) {
     basic_string<CharT> r(a, a.get_allocator());
     r.append(b);
     return r;
 }
 
-template <class CharT>
-basic_string<CharT> operator+(const CharT* a, const basic_string<CharT>& b) {
+template <class CharT> basic_string<CharT> operator+(const CharT* a, const basic_string<CharT>& b) {
     basic_string<CharT> r(a, b.get_allocator());
     r.append(b);
     return r;

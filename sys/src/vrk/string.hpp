@@ -267,10 +267,8 @@ template <class CharT> bool operator==(const basic_string<CharT>& a, const CharT
 // The result lives on the allocator of the (left) string operand.
 template <class CharT>
 basic_string<CharT> operator+(const basic_string<CharT>& a, const basic_string<CharT>& b);
-template <class CharT>
-basic_string<CharT> operator+(const basic_string<CharT>& a, const CharT* b);
-template <class CharT>
-basic_string<CharT> operator+(const CharT* a, const basic_string<CharT>& b);
+template <class CharT> basic_string<CharT> operator+(const basic_string<CharT>& a, const CharT* b);
+template <class CharT> basic_string<CharT> operator+(const CharT* a, const basic_string<CharT>& b);
 template <class CharT> basic_string<CharT> operator+(const basic_string<CharT>& a, CharT b);
 
 namespace impl {
@@ -312,8 +310,7 @@ using string_retval = basic_string_retval<char>;
 // Read-only views: strings that show text they do not own. The text must
 // outlive the view; c_str() of a view of n characters is terminated only if
 // the viewed text is. `ma` is the allocator of copies made from the view.
-template <class CharT>
-basic_string_retval<CharT> c_str(const CharT* s, size_t n, allocator& ma) {
+template <class CharT> basic_string_retval<CharT> c_str(const CharT* s, size_t n, allocator& ma) {
     return basic_string_retval<CharT>(basic_string<CharT>(s, n, ma, {}));
 }
 // A view of the NUL-terminated text s (null gives an empty view).
@@ -334,8 +331,7 @@ basic_string<CharT>::basic_string(basic_string_retval<CharT>&& r) noexcept
 }
 
 template <class CharT>
-basic_string<CharT>::basic_string(const basic_string_retval<CharT>& r, allocator& ma)
-    : base(ma) {
+basic_string<CharT>::basic_string(const basic_string_retval<CharT>& r, allocator& ma) : base(ma) {
     this->copy_from_(r.str_);
 }
 

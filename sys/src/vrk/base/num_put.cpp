@@ -11,9 +11,8 @@ namespace vrk {
 namespace {
 
 // Writes `prefix` and `digits`, padded to the stream's width, and resets it.
-num_put::iter_type put_padded(num_put::iter_type out, ios_base& str, char fill,
-                              const char* prefix, size_t prefix_len, const char* digits,
-                              size_t digit_len) {
+num_put::iter_type put_padded(num_put::iter_type out, ios_base& str, char fill, const char* prefix,
+                              size_t prefix_len, const char* digits, size_t digit_len) {
     const streamsize len = static_cast<streamsize>(prefix_len + digit_len);
     const streamsize pad = str.width() > len ? str.width() - len : 0;
     const ios_base::fmtflags adjust = str.flags() & ios_base::adjustfield;
@@ -50,8 +49,8 @@ size_t format_digits(unsigned long mag, ios_base::fmtflags flags, char* buf) {
 
 // Writes an integer whose magnitude is `mag` and whose sign is `negative`
 // (only ever true in decimal); `is_signed` allows the + of showpos.
-num_put::iter_type put_integer(num_put::iter_type out, ios_base& str, char fill,
-                               unsigned long mag, bool negative, bool is_signed) {
+num_put::iter_type put_integer(num_put::iter_type out, ios_base& str, char fill, unsigned long mag,
+                               bool negative, bool is_signed) {
     const ios_base::fmtflags flags = str.flags();
     const ios_base::fmtflags base = flags & ios_base::basefield;
     char digits[32];
@@ -88,8 +87,7 @@ num_put::iter_type num_put::do_put(iter_type out, ios_base& str, char fill, long
     return put_integer(out, str, fill, 0UL - u, true, true);
 }
 
-num_put::iter_type num_put::do_put(iter_type out, ios_base& str, char fill,
-                                   unsigned long v) const {
+num_put::iter_type num_put::do_put(iter_type out, ios_base& str, char fill, unsigned long v) const {
     return put_integer(out, str, fill, v, false, false);
 }
 
@@ -100,8 +98,7 @@ num_put::iter_type num_put::do_put(iter_type out, ios_base& str, char fill, bool
     return put_padded(out, str, fill, "", 0, text, std::strlen(text));
 }
 
-num_put::iter_type num_put::do_put(iter_type out, ios_base& str, char fill,
-                                   const void* v) const {
+num_put::iter_type num_put::do_put(iter_type out, ios_base& str, char fill, const void* v) const {
     const ios_base::fmtflags old = str.flags();
     str.setf(ios_base::hex | ios_base::showbase, ios_base::basefield | ios_base::showbase);
     iter_type r = put_integer(out, str, fill, reinterpret_cast<uintptr_t>(v), false, false);

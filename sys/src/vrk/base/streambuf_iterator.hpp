@@ -53,9 +53,7 @@ public:
     }
 
 private:
-    bool at_end_() const {
-        return p_sb_ == nullptr || p_sb_->sgetc() == char_traits<char>::eof();
-    }
+    bool at_end_() const { return p_sb_ == nullptr || p_sb_->sgetc() == char_traits<char>::eof(); }
 
     basic_streambuf<char>* p_sb_;
 };

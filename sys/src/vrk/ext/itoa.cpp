@@ -116,9 +116,9 @@ char* iToA_radix_(T i, char* buf, uint32_t length, int radix, uint32_t width) no
     return buf;
 }
 
-#define VRK_ITOA_INSTANTIATE_(T)                                                              \
-    template void write_integer_tail_<T>(T, char*, FmtFlags, uint32_t) noexcept;              \
-    template char* iToA_clipped_<T>(T, char*, uint32_t, FmtFlags, uint32_t) noexcept;          \
+#define VRK_ITOA_INSTANTIATE_(T)                                                                   \
+    template void write_integer_tail_<T>(T, char*, FmtFlags, uint32_t) noexcept;                   \
+    template char* iToA_clipped_<T>(T, char*, uint32_t, FmtFlags, uint32_t) noexcept;              \
     template char* iToA_radix_<T>(T, char*, uint32_t, int, uint32_t) noexcept;
 
 VRK_ITOA_INSTANTIATE_(unsigned long)

@@ -22,8 +22,7 @@ enum {
 };
 
 // Compiles only when A <= B; used to refuse arrays too small for a text.
-template <size_t A, size_t B>
-struct less_equal_size {
+template <size_t A, size_t B> struct less_equal_size {
     static_assert(A <= B, "the array is too small for this conversion");
     static constexpr bool value = true;
 };
@@ -52,8 +51,7 @@ inline const char* hexCharTable(bool uppercase) noexcept;
 // past the end of a scratch area) and returns its first character. Decimal
 // values of `long` and `int` get a leading '-'; octal and hexadecimal write
 // the unsigned bit pattern. No terminator; needs at most `max_oct_digits`.
-template <class T>
-char* write_integer_backward(T nmb, char* buf, FmtFlags io_flags) noexcept;
+template <class T> char* write_integer_backward(T nmb, char* buf, FmtFlags io_flags) noexcept;
 
 // Writes the text of `a` forward into `buf`:
 //  width 0: the text and a terminator, returns its length + 1;
@@ -72,16 +70,14 @@ unsigned long write_integer(T a, char* buf, FmtFlags io_flags, int width) noexce
 // width, radix 8/10/16 keep the last `width` characters of a longer text and
 // other radixes the first; without one, the start of the text and a
 // terminator (details in itoa.cpp). Never writes past `length` characters.
-template <class T>
-char* iToA(T i, char* buf, uint32_t length, int radix, uint32_t width) noexcept;
+template <class T> char* iToA(T i, char* buf, uint32_t length, int radix, uint32_t width) noexcept;
 
 } // namespace impl
 
 // The decimal text of `i` with terminator in `buf`; returns `buf`, so that
 // the text can be passed on in the same expression. Arrays of fewer than 21
 // characters do not compile.
-template <class T, size_t N>
-char* itoa(T i, char (&buf)[N]) noexcept;
+template <class T, size_t N> char* itoa(T i, char (&buf)[N]) noexcept;
 
 // ---------------------------------------------------------------------------
 // Inline definitions
@@ -91,41 +87,34 @@ namespace impl {
 
 // What a value is taken as: its unsigned bit pattern and whether decimal text
 // carries a sign. Only the six supported types have a definition.
-template <class T>
-struct itoa_traits_;
-template <>
-struct itoa_traits_<unsigned long> {
+template <class T> struct itoa_traits_;
+template <> struct itoa_traits_<unsigned long> {
     using unsigned_type = unsigned long;
     static constexpr bool SIGNED = false;
     static unsigned_type bits(unsigned long v) noexcept { return v; }
 };
-template <>
-struct itoa_traits_<long> {
+template <> struct itoa_traits_<long> {
     using unsigned_type = unsigned long;
     static constexpr bool SIGNED = true;
     static unsigned_type bits(long v) noexcept { return static_cast<unsigned long>(v); }
 };
-template <>
-struct itoa_traits_<unsigned int> {
+template <> struct itoa_traits_<unsigned int> {
     using unsigned_type = unsigned int;
     static constexpr bool SIGNED = false;
     static unsigned_type bits(unsigned int v) noexcept { return v; }
 };
-template <>
-struct itoa_traits_<int> {
+template <> struct itoa_traits_<int> {
     using unsigned_type = unsigned int;
     static constexpr bool SIGNED = true;
     static unsigned_type bits(int v) noexcept { return static_cast<unsigned int>(v); }
 };
-template <>
-struct itoa_traits_<unsigned char> {
+template <> struct itoa_traits_<unsigned char> {
     using unsigned_type = unsigned int;
     static constexpr bool SIGNED = false;
     static unsigned_type bits(unsigned char v) noexcept { return v; }
 };
 // Plain char is unsigned in this library whatever the compiler thinks.
-template <>
-struct itoa_traits_<char> {
+template <> struct itoa_traits_<char> {
     using unsigned_type = unsigned int;
     static constexpr bool SIGNED = false;
     static unsigned_type bits(char v) noexcept { return static_cast<unsigned char>(v); }
@@ -152,24 +141,37 @@ inline constexpr digit_pairs_ DIGIT_PAIRS_{};
 
 // 0, 10, 100, ...: the smallest value with t + 1 digits at index t (0 at
 // index 0 makes the value 0 count one digit).
-inline constexpr uint64_t POW10_[20] = {
-    0, 10ull, 100ull, 1000ull, 10000ull, 100000ull, 1000000ull, 10000000ull, 100000000ull,
-    1000000000ull, 10000000000ull, 100000000000ull, 1000000000000ull, 10000000000000ull,
-    100000000000000ull, 1000000000000000ull, 10000000000000000ull, 100000000000000000ull,
-    1000000000000000000ull, 10000000000000000000ull};
+inline constexpr uint64_t POW10_[20] = {0,
+                                        10ull,
+                                        100ull,
+                                        1000ull,
+                                        10000ull,
+                                        100000ull,
+                                        1000000ull,
+                                        10000000ull,
+                                        100000000ull,
+                                        1000000000ull,
+                                        10000000000ull,
+                                        100000000000ull,
+                                        1000000000000ull,
+                                        10000000000000ull,
+                                        100000000000000ull,
+                                        1000000000000000ull,
+                                        10000000000000000ull,
+                                        100000000000000000ull,
+                                        1000000000000000000ull,
+                                        10000000000000000000ull};
 
 // Decimal digits of `u`: bit width * log10(2) (1233 / 4096) is the digit
 // count or one less; one comparison settles it.
-template <class U>
-inline uint32_t dec_digits_(U u) noexcept {
+template <class U> inline uint32_t dec_digits_(U u) noexcept {
     if (u < 100) // short texts are common; skip the bit scan
         return 1u + (u >= 10 ? 1u : 0u);
     const uint32_t t = static_cast<uint32_t>(std::bit_width(u | 1u)) * 1233u >> 12;
     return t + (u >= POW10_[t] ? 1u : 0u);
 }
 
-template <class U>
-inline char* write_decimal_backward_(U u, char* p) noexcept {
+template <class U> inline char* write_decimal_backward_(U u, char* p) noexcept {
     while (u >= 100) {
         const uint32_t r = static_cast<uint32_t>(u % 100);
         u /= 100;
@@ -186,8 +188,7 @@ inline char* write_decimal_backward_(U u, char* p) noexcept {
 }
 
 // Length of the text write_integer_backward produces, sign included.
-template <class T>
-inline uint32_t text_length_(T nmb, FmtFlags io_flags) noexcept {
+template <class T> inline uint32_t text_length_(T nmb, FmtFlags io_flags) noexcept {
     using traits = itoa_traits_<T>;
     const auto u = traits::bits(nmb);
     const uint32_t base = io_flags & FmtFlags_basefield;
@@ -309,8 +310,7 @@ inline char* iToA(T i, char* buf, uint32_t length, int radix, uint32_t width) no
 
 } // namespace impl
 
-template <class T, size_t N>
-inline char* itoa(T i, char (&buf)[N]) noexcept {
+template <class T, size_t N> inline char* itoa(T i, char (&buf)[N]) noexcept {
     static_assert(less_equal_size<max_dec_digits + 1, N>::value);
     impl::write_integer(i, buf, impl::FmtFlags_dec, 0);
     return buf;

@@ -19,8 +19,7 @@ constexpr size_t DUMP_BUF = 1024;
 // terminator, within DUMP_BUF.
 constexpr size_t DUMP_MAX_BYTES = (DUMP_BUF - 1) / 3;
 
-template <class T>
-void defineIntParam(exception& exp, const message_arg_base<T>& marg) noexcept {
+template <class T> void defineIntParam(exception& exp, const message_arg_base<T>& marg) noexcept {
     char buf[INT_BUF];
     const char* text;
     if (marg.hex_) {
@@ -35,8 +34,7 @@ void defineIntParam(exception& exp, const message_arg_base<T>& marg) noexcept {
     exp.define_argument(marg.name_, text, marg.force_);
 }
 
-template <class T>
-void defineCharParam(exception& exp, const message_arg_base<T>& marg) noexcept {
+template <class T> void defineCharParam(exception& exp, const message_arg_base<T>& marg) noexcept {
     if (marg.hex_) {
         char buf[INT_BUF];
         buf[0] = '0';
@@ -55,8 +53,7 @@ void defineBoolParam(exception& exp, const message_arg_base<bool>& marg) noexcep
     exp.define_argument(marg.name_, text, marg.force_);
 }
 
-template <class T>
-void defineDblParam(exception& exp, const message_arg_base<T>& marg) noexcept {
+template <class T> void defineDblParam(exception& exp, const message_arg_base<T>& marg) noexcept {
     char buf[INT_BUF + 1];
     const char* text = dtoa(static_cast<double>(marg.value_), 12, buf, INT_BUF);
     if (text != nullptr)
@@ -102,14 +99,14 @@ void definePtrParam(exception& exp, const message_arg_base<const void*>& marg) n
 
 } // namespace
 
-#define VRK_MSGARG_OPERATORS_(ARG, RPL, ROUTINE)                                                  \
-    exception& operator<<(exception& exp, const ARG& marg) noexcept {                            \
-        ROUTINE(exp, marg);                                                                       \
-        return exp;                                                                               \
-    }                                                                                             \
-    exception& operator<<(exception& exp, const RPL& marg) noexcept {                            \
-        ROUTINE(exp, marg);                                                                       \
-        return exp;                                                                               \
+#define VRK_MSGARG_OPERATORS_(ARG, RPL, ROUTINE)                                                   \
+    exception& operator<<(exception& exp, const ARG& marg) noexcept {                              \
+        ROUTINE(exp, marg);                                                                        \
+        return exp;                                                                                \
+    }                                                                                              \
+    exception& operator<<(exception& exp, const RPL& marg) noexcept {                              \
+        ROUTINE(exp, marg);                                                                        \
+        return exp;                                                                                \
     }
 
 VRK_MSGARG_OPERATORS_(msgarg_bool, msgrpl_bool, defineBoolParam)

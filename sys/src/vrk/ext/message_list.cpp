@@ -65,11 +65,12 @@ void scan_(const char* text, size_t len, const msg_parameter* first, const msg_p
 }
 
 // True when the text substitutes a placeholder named like `p`.
-bool mentioned_(const char* text, size_t len, const msg_parameter* first,
-                const msg_parameter* last, const msg_parameter* p) {
+bool mentioned_(const char* text, size_t len, const msg_parameter* first, const msg_parameter* last,
+                const msg_parameter* p) {
     bool seen = false;
-    scan_(text, len, first, last, [](const char*, size_t) {},
-          [&](const msg_parameter* q) { seen = seen || named_(q, p->name_, p->name_len_); });
+    scan_(
+        text, len, first, last, [](const char*, size_t) {},
+        [&](const msg_parameter* q) { seen = seen || named_(q, p->name_, p->name_len_); });
     return seen;
 }
 
@@ -131,8 +132,7 @@ size_t msg_parameter::allocation_size(size_t name_len, size_t val_len) noexcept 
     return n < sizeof(msg_parameter) ? sizeof(msg_parameter) : n;
 }
 
-void msg_parameter::init(const char* name, const char* value, uint32_t size,
-                         bool force) noexcept {
+void msg_parameter::init(const char* name, const char* value, uint32_t size, bool force) noexcept {
     // Pointer arithmetic from the decayed array: the text runs past value_[0]
     // to the end of the allocation.
     char* text = value_;
@@ -289,7 +289,6 @@ ostream& message_node::expand(ostream& os) const {
 // Messages to append
 
 error_message::error_message(const char* fname, int line, int err_no, const char* msg) noexcept
-    : file_(vrk_extern::import::stdFileName(fname)), line_(line), err_no_(err_no),
-      format_(msg) {}
+    : file_(vrk_extern::import::stdFileName(fname)), line_(line), err_no_(err_no), format_(msg) {}
 
 } // namespace vrk

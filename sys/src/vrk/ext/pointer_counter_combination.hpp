@@ -35,9 +35,7 @@ public:
     // The value under the slot lock.
     atomic_dword_t read() volatile noexcept { return impl::AtomicOperation<16>::read(word_); }
     // A lock-free first guess for a compare-and-swap loop.
-    atomic_dword_t peek() const volatile noexcept {
-        return impl::AtomicOperation<16>::peek(word_);
-    }
+    atomic_dword_t peek() const volatile noexcept { return impl::AtomicOperation<16>::peek(word_); }
     bool cas(const atomic_dword_t& expected, const atomic_dword_t& desired,
              atomic_dword_t& prev) volatile noexcept {
         return impl::AtomicOperation<16>::cas(word_, expected, desired, prev);

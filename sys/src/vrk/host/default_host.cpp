@@ -210,8 +210,8 @@ void vrk_extern::import::abort(const char* file, int line, const char* msg) noex
 
 void vrk_extern::import::abort(const char* file, int line, const char* msg, long value) noexcept {
     char text[512];
-    const int n = std::snprintf(text, sizeof text, "vrk abort: %s:%d: %s%ld\n", file, line, msg,
-                                value);
+    const int n =
+        std::snprintf(text, sizeof text, "vrk abort: %s:%d: %s%ld\n", file, line, msg, value);
     write_formatted(text, n, sizeof text);
     std::abort();
 }

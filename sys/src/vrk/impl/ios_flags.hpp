@@ -32,24 +32,32 @@ enum IosFmtflags : uint32_t {
 
 enum IosIostate : uint32_t { goodbit = 0, badbit = 1, eofbit = 2, failbit = 4 };
 
-enum IosOpenmode : uint32_t { app = 1, ate = 2, binary = 4, in = 8, out = 16, trunc = 32, sync = 64 };
+enum IosOpenmode : uint32_t {
+    app = 1,
+    ate = 2,
+    binary = 4,
+    in = 8,
+    out = 16,
+    trunc = 32,
+    sync = 64
+};
 
 enum IosSeekdir : uint32_t { beg = 0, cur = 1, end = 2 };
 
 // Bit operations that keep the enumeration type.
 #define VRK_IOS_BITMASK_OPS(T)                                                                     \
     constexpr T operator|(T a, T b) noexcept {                                                     \
-        return static_cast<T>(static_cast<uint32_t>(a) | static_cast<uint32_t>(b));              \
+        return static_cast<T>(static_cast<uint32_t>(a) | static_cast<uint32_t>(b));                \
     }                                                                                              \
     constexpr T operator&(T a, T b) noexcept {                                                     \
-        return static_cast<T>(static_cast<uint32_t>(a) & static_cast<uint32_t>(b));              \
+        return static_cast<T>(static_cast<uint32_t>(a) & static_cast<uint32_t>(b));                \
     }                                                                                              \
     constexpr T operator^(T a, T b) noexcept {                                                     \
-        return static_cast<T>(static_cast<uint32_t>(a) ^ static_cast<uint32_t>(b));              \
+        return static_cast<T>(static_cast<uint32_t>(a) ^ static_cast<uint32_t>(b));                \
     }                                                                                              \
-    constexpr T operator~(T a) noexcept { return static_cast<T>(~static_cast<uint32_t>(a)); }    \
-    constexpr T& operator|=(T& a, T b) noexcept { return a = a | b; }                            \
-    constexpr T& operator&=(T& a, T b) noexcept { return a = a & b; }                            \
+    constexpr T operator~(T a) noexcept { return static_cast<T>(~static_cast<uint32_t>(a)); }      \
+    constexpr T& operator|=(T& a, T b) noexcept { return a = a | b; }                              \
+    constexpr T& operator&=(T& a, T b) noexcept { return a = a & b; }                              \
     constexpr T& operator^=(T& a, T b) noexcept { return a = a ^ b; }
 
 VRK_IOS_BITMASK_OPS(IosFmtflags)

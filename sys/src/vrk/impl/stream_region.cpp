@@ -12,8 +12,8 @@ namespace vrk::impl {
 // A forced unwind carries no object, so the reference its handler binds is
 // null by design; the sanitizer's null-reference check is off for this one
 // function (it must not be a template for the attribute to hold).
-__attribute__((no_sanitize("null"))) bool run_stream_region(basic_ios<char>& s,
-                                                             void (*fn)(void*), void* ctx) {
+__attribute__((no_sanitize("null"))) bool run_stream_region(basic_ios<char>& s, void (*fn)(void*),
+                                                            void* ctx) {
     try {
         fn(ctx);
         return true;

@@ -31,8 +31,8 @@ exception::exception(const char* fname, int line, const error_code& error,
 }
 
 // Not inlined: the throw location starts where this constructor returns to.
-__attribute__((noinline)) exception::exception(const char* fname, int line,
-                                               const error_code& error) noexcept
+__attribute__((noinline))
+exception::exception(const char* fname, int line, const error_code& error) noexcept
     : p_next_reg_(NOT_REGISTERED), file_(nullptr), f_print_(nullptr) {
     init_(default_allocator(), fname, line, error.err_no_, error.err_text_,
           __builtin_return_address(0));
@@ -71,13 +71,12 @@ exception::exception(const exception& a) noexcept : p_next_reg_(NOT_REGISTERED) 
     }
 }
 
-exception::exception(const exception& a, sharing_copy_tag) noexcept
-    : p_next_reg_(NOT_REGISTERED) {
+exception::exception(const exception& a, sharing_copy_tag) noexcept : p_next_reg_(NOT_REGISTERED) {
     init_(a);
 }
 
-void exception::init_(allocator& alloc, const char* fname, int line, int err_no,
-                      const char* msg, const void* caller) noexcept {
+void exception::init_(allocator& alloc, const char* fname, int line, int err_no, const char* msg,
+                      const void* caller) noexcept {
     const size_t len = msg != nullptr ? std::strlen(msg) : 0;
     const size_t size = exception_data::allocation_size(len);
     // Kept in the object before allocating, so they survive its failure.
@@ -301,11 +300,11 @@ __attribute__((noinline)) void exception::append_message(const char* fname, int 
 // ---------------------------------------------------------------------------
 // Derived error classes
 
-#define VRK_DEFINE_DERIVED_EXCEPTION(NAME, CODE)                                                  \
-    __attribute__((noinline)) NAME::NAME(const char* fname, int line,                            \
-                                         const error_code& error) noexcept                       \
-        : exception(fname, line, error.err_no_, error.err_text_, __builtin_return_address(0)) {} \
-    NAME::NAME(const char* fname, int line, const char* msg, const void* caller) noexcept        \
+#define VRK_DEFINE_DERIVED_EXCEPTION(NAME, CODE)                                                   \
+    __attribute__((noinline))                                                                      \
+    NAME::NAME(const char* fname, int line, const error_code& error) noexcept                      \
+        : exception(fname, line, error.err_no_, error.err_text_, __builtin_return_address(0)) {}   \
+    NAME::NAME(const char* fname, int line, const char* msg, const void* caller) noexcept          \
         : exception(fname, line, CODE.number(), msg, caller) {}
 
 VRK_DEFINE_DERIVED_EXCEPTION(runtime_error, ERR_VRK_RUNTIME)

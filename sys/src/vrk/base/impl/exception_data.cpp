@@ -12,8 +12,7 @@ namespace vrk {
 
 static_assert(offsetof(exception_data, node_) + sizeof(exception_node) == sizeof(exception_data),
               "the first message text lies directly behind the block");
-static_assert(offsetof(exception_node, msg_param_) + sizeof(message_node) ==
-                  sizeof(exception_node),
+static_assert(offsetof(exception_node, msg_param_) + sizeof(message_node) == sizeof(exception_node),
               "a node's text lies directly behind its message record");
 
 // ---------------------------------------------------------------------------
@@ -70,8 +69,8 @@ __attribute__((noinline)) void exception_data::init(allocator* p_ma, uint8_t off
         return;
     }
     p_buff_ = buffer;
-    buff_sz_ = vrk_extern::import::save_stack_trace(static_cast<void**>(buffer), STACK_FRAMES,
-                                                    caller);
+    buff_sz_ =
+        vrk_extern::import::save_stack_trace(static_cast<void**>(buffer), STACK_FRAMES, caller);
     if (buff_sz_ == 0) {
         p_ma->deallocate(buffer);
         p_buff_ = nullptr;
@@ -147,9 +146,7 @@ void exception_data::clear_done() volatile noexcept {
 // only the swap decides, a lock-free peek is the first guess.
 
 namespace {
-inline uint64_t ptr_word(const volatile exception_data* p) {
-    return reinterpret_cast<uint64_t>(p);
-}
+inline uint64_t ptr_word(const volatile exception_data* p) { return reinterpret_cast<uint64_t>(p); }
 } // namespace
 
 // The count changes read the word and write the new counter under one hold

@@ -12,9 +12,9 @@
 #include <cstdint>
 
 #include "vrk/base/faultprot_cstring.hpp"
-#include "vrk/iosfwd.hpp"
 #include "vrk/ext/message_list.hpp"
 #include "vrk/ext/pointer_counter_combination.hpp"
+#include "vrk/iosfwd.hpp"
 #include "vrk/memory.hpp"
 
 namespace vrk {

@@ -81,7 +81,8 @@ const exception* exception::get_next_registered() const noexcept {
 }
 
 const exception* exception::get_first_registered() noexcept {
-    const exception* head = vrk_extern::import::get_unhandled_callback()->get_registered_exception();
+    const exception* head =
+        vrk_extern::import::get_unhandled_callback()->get_registered_exception();
     return head == NOT_REGISTERED ? nullptr : head;
 }
 
