@@ -192,7 +192,10 @@ basic_string<CharT>& basic_string<CharT>::operator=(const basic_string& rhs) {
     return *this;
 }
 
-template <class CharT> basic_string<CharT>& basic_string<CharT>::operator=(basic_string&& rhs) {
+template <class CharT>
+basic_string<CharT>&
+basic_string<CharT>::operator=( // NOLINT(performance-noexcept-move-constructor)
+    basic_string&& rhs) {
     if (this == &rhs)
         return *this;
     this->check_writable();

@@ -177,7 +177,8 @@ public:
 
     // Assignments keep this string's allocator; a view raises rvalue_error.
     basic_string& operator=(const basic_string& rhs);
-    basic_string& operator=(basic_string&& rhs);
+    // Not noexcept: a move across allocators copies, and a view raises.
+    basic_string& operator=(basic_string&& rhs); // NOLINT(performance-noexcept-move-constructor)
     basic_string& operator=(const CharT* s) { return assign(s); }
 
     const CharT* c_str() const noexcept;

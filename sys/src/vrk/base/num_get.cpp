@@ -8,10 +8,10 @@ namespace vrk {
 namespace {
 
 struct parsed {
-    unsigned long mag;
-    bool negative;
-    bool any_digit;
-    bool overflow;
+    unsigned long mag_;
+    bool negative_;
+    bool any_digit_;
+    bool overflow_;
 };
 
 int digit_value(char c) noexcept {
@@ -31,7 +31,7 @@ parsed parse(num_get::iter_type& in, const num_get::iter_type& end, ios_base& st
     if (in == end)
         return p;
     if (*in == '-' || *in == '+') {
-        p.negative = *in == '-';
+        p.negative_ = *in == '-';
         ++in;
     }
     const ios_base::fmtflags basefield = str.flags() & ios_base::basefield;
@@ -43,7 +43,7 @@ parsed parse(num_get::iter_type& in, const num_get::iter_type& end, ios_base& st
     if ((basefield == ios_base::hex || basefield == 0) && !(in == end) && *in == '0') {
         // A leading 0 is a digit in its own right: "0x" without hex digits
         // still reads as 0.
-        p.any_digit = true;
+        p.any_digit_ = true;
         ++in;
         if (!(in == end) && (*in == 'x' || *in == 'X')) {
             base = 16;
@@ -57,12 +57,12 @@ parsed parse(num_get::iter_type& in, const num_get::iter_type& end, ios_base& st
         const int d = digit_value(*in);
         if (d >= static_cast<int>(base))
             break;
-        p.any_digit = true;
+        p.any_digit_ = true;
         const unsigned long ud = static_cast<unsigned long>(d);
-        if (p.mag > limit || p.mag * base > ULONG_MAX - ud)
-            p.overflow = true;
+        if (p.mag_ > limit || p.mag_ * base > ULONG_MAX - ud)
+            p.overflow_ = true;
         else
-            p.mag = p.mag * base + ud;
+            p.mag_ = p.mag_ * base + ud;
     }
     return p;
 }
@@ -74,22 +74,22 @@ num_get::~num_get() = default;
 num_get::iter_type num_get::do_get(iter_type in, iter_type end, ios_base& str,
                                    ios_base::iostate& err, long& v) const {
     const parsed p = parse(in, end, str);
-    if (!p.any_digit) {
+    if (!p.any_digit_) {
         v = 0;
         err |= ios_base::failbit;
-    } else if (p.negative) {
+    } else if (p.negative_) {
         // LONG_MIN's magnitude is LONG_MAX + 1.
-        if (p.overflow || p.mag > static_cast<unsigned long>(LONG_MAX) + 1) {
+        if (p.overflow_ || p.mag_ > static_cast<unsigned long>(LONG_MAX) + 1) {
             v = LONG_MIN;
             err |= ios_base::failbit;
         } else {
-            v = static_cast<long>(0UL - p.mag);
+            v = static_cast<long>(0UL - p.mag_);
         }
-    } else if (p.overflow || p.mag > static_cast<unsigned long>(LONG_MAX)) {
+    } else if (p.overflow_ || p.mag_ > static_cast<unsigned long>(LONG_MAX)) {
         v = LONG_MAX;
         err |= ios_base::failbit;
     } else {
-        v = static_cast<long>(p.mag);
+        v = static_cast<long>(p.mag_);
     }
     if (in == end)
         err |= ios_base::eofbit;
@@ -99,14 +99,14 @@ num_get::iter_type num_get::do_get(iter_type in, iter_type end, ios_base& str,
 num_get::iter_type num_get::do_get(iter_type in, iter_type end, ios_base& str,
                                    ios_base::iostate& err, unsigned long& v) const {
     const parsed p = parse(in, end, str);
-    if (!p.any_digit) {
+    if (!p.any_digit_) {
         v = 0;
         err |= ios_base::failbit;
-    } else if (p.overflow) {
+    } else if (p.overflow_) {
         v = ULONG_MAX;
         err |= ios_base::failbit;
     } else {
-        v = p.negative ? 0UL - p.mag : p.mag;
+        v = p.negative_ ? 0UL - p.mag_ : p.mag_;
     }
     if (in == end)
         err |= ios_base::eofbit;

@@ -47,12 +47,12 @@ void write_formatted(const char* text, int n, size_t cap) noexcept {
 // --- stack capture ---------------------------------------------------------
 
 struct capture_state {
-    void** frames;
-    unsigned max_frames;
-    unsigned count;
-    const void* caller;
-    bool started; // the frame of `caller` has been seen
-    unsigned skipped;
+    void** frames_;
+    unsigned max_frames_;
+    unsigned count_;
+    const void* caller_;
+    bool started_; // the frame of `caller` has been seen
+    unsigned skipped_;
 };
 
 // Frames of the capture itself (this callback's caller chain inside the
@@ -64,28 +64,28 @@ _Unwind_Reason_Code collect_frame(_Unwind_Context* context, void* arg) {
     const void* ip = reinterpret_cast<const void*>(_Unwind_GetIP(context));
     if (ip == nullptr)
         return _URC_END_OF_STACK;
-    if (!state->started) {
-        if (ip != state->caller) {
-            if (++state->skipped > 256)
+    if (!state->started_) {
+        if (ip != state->caller_) {
+            if (++state->skipped_ > 256)
                 return _URC_END_OF_STACK;
             return _URC_NO_REASON;
         }
-        state->started = true;
+        state->started_ = true;
     }
-    state->frames[state->count++] = const_cast<void*>(ip);
-    return state->count < state->max_frames ? _URC_NO_REASON : _URC_END_OF_STACK;
+    state->frames_[state->count_++] = const_cast<void*>(ip);
+    return state->count_ < state->max_frames_ ? _URC_NO_REASON : _URC_END_OF_STACK;
 }
 
 // The runtime's unwinder: every frame it can describe, slowly.
 unsigned unwinder_capture(void** frames, unsigned max_frames, const void* caller) noexcept {
     capture_state state{frames, max_frames, 0, caller, caller == nullptr, 0};
     _Unwind_Backtrace(collect_frame, &state);
-    if (state.count == 0 && !state.started) {
+    if (state.count_ == 0 && !state.started_) {
         // `caller` was not on the stack: record from the top instead.
         state = capture_state{frames, max_frames, 0, nullptr, true, 0};
         _Unwind_Backtrace(collect_frame, &state);
     }
-    return state.count;
+    return state.count_;
 }
 
 // The unwinder finds and caches the unwind tables on first use; doing that

@@ -11,11 +11,11 @@
 // (exported by the unwinder, declared only in its private headers). It finds
 // the loaded object through the dynamic linker's lock-free lookup.
 struct dwarf_eh_bases {
-    void* tbase;
-    void* dbase;
-    void* func;
+    void* tbase_;
+    void* dbase_;
+    void* func_;
 };
-extern "C" const void* _Unwind_Find_FDE(void* pc, dwarf_eh_bases* bases);
+extern "C" const void* _Unwind_Find_FDE(void* pc, dwarf_eh_bases* bases); // NOLINT: the runtime's name
 
 namespace vrk_host {
 
@@ -31,12 +31,12 @@ constexpr unsigned REG_RA = 16;
 // What one frame needs: CFA = (rbp or rsp) + cfa_off; return address at
 // CFA + ra_off; the caller's rbp at CFA + rbp_off when rbp_saved.
 struct frame_rule {
-    bool cfa_rbp = false;
-    int64_t cfa_off = 0;
-    bool rbp_saved = false;
-    int64_t rbp_off = 0;
-    int64_t ra_off = 0;
-    bool ra_undefined = false; // the outermost frame (e.g. _start)
+    bool cfa_rbp_ = false;
+    int64_t cfa_off_ = 0;
+    bool rbp_saved_ = false;
+    int64_t rbp_off_ = 0;
+    int64_t ra_off_ = 0;
+    bool ra_undefined_ = false; // the outermost frame (e.g. _start)
 };
 
 // --- the rule table ----------------------------------------------------------
@@ -63,29 +63,29 @@ std::atomic<uint64_t> g_rules[TABLE_SIZE];
 constexpr int64_t OUTERMOST = 0x7fff;
 
 bool pack(const frame_rule& r, uint64_t* word) {
-    if (r.ra_undefined) {
+    if (r.ra_undefined_) {
         *word = static_cast<uint64_t>(OUTERMOST) << 1;
         return true;
     }
-    if (r.ra_off != -8 || r.cfa_off < 0 || r.cfa_off >= OUTERMOST)
+    if (r.ra_off_ != -8 || r.cfa_off_ < 0 || r.cfa_off_ >= OUTERMOST)
         return false;
-    uint64_t bits = (r.cfa_rbp ? 1u : 0u) | (static_cast<uint64_t>(r.cfa_off) << 1);
-    if (r.rbp_saved) {
-        if (r.rbp_off >= 0 || -r.rbp_off >= (1 << 12))
+    uint64_t bits = (r.cfa_rbp_ ? 1u : 0u) | (static_cast<uint64_t>(r.cfa_off_) << 1);
+    if (r.rbp_saved_) {
+        if (r.rbp_off_ >= 0 || -r.rbp_off_ >= (1 << 12))
             return false;
-        bits |= (uint64_t{1} << 16) | (static_cast<uint64_t>(-r.rbp_off) << 17);
+        bits |= (uint64_t{1} << 16) | (static_cast<uint64_t>(-r.rbp_off_) << 17);
     }
     *word = bits;
     return true;
 }
 
 void unpack(uint64_t bits, frame_rule* r) {
-    r->cfa_rbp = (bits & 1) != 0;
-    r->cfa_off = static_cast<int64_t>((bits >> 1) & 0x7fff);
-    r->rbp_saved = ((bits >> 16) & 1) != 0;
-    r->rbp_off = -static_cast<int64_t>((bits >> 17) & 0xfff);
-    r->ra_off = -8;
-    r->ra_undefined = r->cfa_off == OUTERMOST;
+    r->cfa_rbp_ = (bits & 1) != 0;
+    r->cfa_off_ = static_cast<int64_t>((bits >> 1) & 0x7fff);
+    r->rbp_saved_ = ((bits >> 16) & 1) != 0;
+    r->rbp_off_ = -static_cast<int64_t>((bits >> 17) & 0xfff);
+    r->ra_off_ = -8;
+    r->ra_undefined_ = r->cfa_off_ == OUTERMOST;
 }
 
 bool cached(uintptr_t pc, frame_rule* r) {
@@ -109,16 +109,16 @@ void remember(uintptr_t pc, const frame_rule& r) {
 // --- reading the call-frame information --------------------------------------
 
 struct reader {
-    const uint8_t* p;
-    const uint8_t* end;
-    bool ok = true;
+    const uint8_t* p_;
+    const uint8_t* end_;
+    bool ok_ = true;
 
     uint8_t byte() {
-        if (p >= end) {
-            ok = false;
+        if (p_ >= end_) {
+            ok_ = false;
             return 0;
         }
-        return *p++;
+        return *p_++;
     }
     uint64_t uleb() {
         uint64_t v = 0;
@@ -128,7 +128,7 @@ struct reader {
             if ((b & 0x80) == 0)
                 return v;
         }
-        ok = false;
+        ok_ = false;
         return 0;
     }
     int64_t sleb() {
@@ -140,17 +140,17 @@ struct reader {
             if (shift < 64)
                 v |= static_cast<int64_t>(static_cast<uint64_t>(b & 0x7f) << shift);
             shift += 7;
-        } while ((b & 0x80) != 0 && ok);
+        } while ((b & 0x80) != 0 && ok_);
         if (shift < 64 && (b & 0x40) != 0)
             v |= -(int64_t{1} << shift);
         return v;
     }
     void skip(size_t n) {
-        if (static_cast<size_t>(end - p) < n) {
-            ok = false;
+        if (static_cast<size_t>(end_ - p_) < n) {
+            ok_ = false;
             return;
         }
-        p += n;
+        p_ += n;
     }
     uint32_t u32() {
         uint32_t v = 0;
@@ -190,31 +190,31 @@ struct reader {
         default:
             return false;
         }
-        return ok;
+        return ok_;
     }
 };
 
 // The state of the CFA program that matters for a walk.
 struct cfa_state {
-    unsigned cfa_reg = REG_RSP;
-    int64_t cfa_off = 0;
-    bool cfa_expr = false;
+    unsigned cfa_reg_ = REG_RSP;
+    int64_t cfa_off_ = 0;
+    bool cfa_expr_ = false;
     // Rules of rbp and the return address: 0 unchanged, 1 at CFA + off,
     // 2 undefined, 3 anything else (register, expression).
-    int rbp_how = 0;
-    int64_t rbp_off = 0;
-    int ra_how = 0;
-    int64_t ra_off = 0;
+    int rbp_how_ = 0;
+    int64_t rbp_off_ = 0;
+    int ra_how_ = 0;
+    int64_t ra_off_ = 0;
 };
 
 struct cie_info {
-    uint64_t code_align = 1;
-    int64_t data_align = 1;
-    unsigned ra_reg = REG_RA;
-    uint8_t fde_enc = 0;
-    bool has_z = false;
-    const uint8_t* insns = nullptr;
-    const uint8_t* end = nullptr;
+    uint64_t code_align_ = 1;
+    int64_t data_align_ = 1;
+    unsigned ra_reg_ = REG_RA;
+    uint8_t fde_enc_ = 0;
+    bool has_z_ = false;
+    const uint8_t* insns_ = nullptr;
+    const uint8_t* end_ = nullptr;
 };
 
 uint32_t load32(const uint8_t* p) {
@@ -233,21 +233,21 @@ bool parse_cie(const uint8_t* cie, cie_info* info) {
     const uint8_t version = r.byte();
     if (version != 1 && version != 3)
         return false;
-    const char* aug = reinterpret_cast<const char*>(r.p);
-    while (r.ok && r.byte() != 0) {
+    const char* aug = reinterpret_cast<const char*>(r.p_);
+    while (r.ok_ && r.byte() != 0) {
     }
-    info->code_align = r.uleb();
-    info->data_align = r.sleb();
-    info->ra_reg = version == 1 ? r.byte() : static_cast<unsigned>(r.uleb());
+    info->code_align_ = r.uleb();
+    info->data_align_ = r.sleb();
+    info->ra_reg_ = version == 1 ? r.byte() : static_cast<unsigned>(r.uleb());
     const uint8_t* aug_end = nullptr;
     if (aug[0] == 'z') {
-        info->has_z = true;
+        info->has_z_ = true;
         const uint64_t n = r.uleb();
-        aug_end = r.p + n;
-        for (const char* a = aug + 1; *a != 0 && r.ok; ++a) {
+        aug_end = r.p_ + n;
+        for (const char* a = aug + 1; *a != 0 && r.ok_; ++a) {
             switch (*a) {
             case 'R':
-                info->fde_enc = r.byte();
+                info->fde_enc_ = r.byte();
                 break;
             case 'P': {
                 const uint8_t enc = r.byte();
@@ -262,15 +262,15 @@ bool parse_cie(const uint8_t* cie, cie_info* info) {
                 return false;
             }
         }
-        if (!r.ok || aug_end > r.end)
+        if (!r.ok_ || aug_end > r.end_)
             return false;
-        r.p = aug_end;
+        r.p_ = aug_end;
     } else if (aug[0] != 0) {
         return false;
     }
-    info->insns = r.p;
-    info->end = r.end;
-    return r.ok && info->ra_reg == REG_RA;
+    info->insns_ = r.p_;
+    info->end_ = r.end_;
+    return r.ok_ && info->ra_reg_ == REG_RA;
 }
 
 // Runs a CFA program until the row that covers `pc`. `initial` is the state
@@ -283,42 +283,42 @@ bool run_program(const uint8_t* insns, const uint8_t* end, const cie_info& cie, 
     reader r{insns, end};
     auto set_offset = [&](unsigned reg, int64_t off) {
         if (reg == REG_RBP) {
-            s->rbp_how = 1;
-            s->rbp_off = off;
+            s->rbp_how_ = 1;
+            s->rbp_off_ = off;
         } else if (reg == REG_RA) {
-            s->ra_how = 1;
-            s->ra_off = off;
+            s->ra_how_ = 1;
+            s->ra_off_ = off;
         }
     };
     auto set_other = [&](unsigned reg, int how) {
         if (reg == REG_RBP)
-            s->rbp_how = how;
+            s->rbp_how_ = how;
         else if (reg == REG_RA)
-            s->ra_how = how;
+            s->ra_how_ = how;
     };
     auto restore = [&](unsigned reg) {
         if (initial == nullptr)
             return false;
         if (reg == REG_RBP) {
-            s->rbp_how = initial->rbp_how;
-            s->rbp_off = initial->rbp_off;
+            s->rbp_how_ = initial->rbp_how_;
+            s->rbp_off_ = initial->rbp_off_;
         } else if (reg == REG_RA) {
-            s->ra_how = initial->ra_how;
-            s->ra_off = initial->ra_off;
+            s->ra_how_ = initial->ra_how_;
+            s->ra_off_ = initial->ra_off_;
         }
         return true;
     };
-    while (r.p < r.end && r.ok) {
+    while (r.p_ < r.end_ && r.ok_) {
         const uint8_t op = r.byte();
         const uint8_t low = op & 0x3f;
         switch (op >> 6) {
         case 1: // advance_loc
-            loc += low * cie.code_align;
+            loc += low * cie.code_align_;
             if (loc > pc)
                 return true;
             continue;
         case 2: // offset
-            set_offset(low, static_cast<int64_t>(r.uleb()) * cie.data_align);
+            set_offset(low, static_cast<int64_t>(r.uleb()) * cie.data_align_);
             continue;
         case 3: // restore
             if (!restore(low))
@@ -340,14 +340,14 @@ bool run_program(const uint8_t* insns, const uint8_t* end, const cie_info& cie, 
                 delta |= static_cast<uint64_t>(r.byte()) << 16;
                 delta |= static_cast<uint64_t>(r.byte()) << 24;
             }
-            loc += delta * cie.code_align;
+            loc += delta * cie.code_align_;
             if (loc > pc)
-                return r.ok;
+                return r.ok_;
             break;
         }
         case 0x05: { // offset_extended
             const unsigned reg = static_cast<unsigned>(r.uleb());
-            set_offset(reg, static_cast<int64_t>(r.uleb()) * cie.data_align);
+            set_offset(reg, static_cast<int64_t>(r.uleb()) * cie.data_align_);
             break;
         }
         case 0x06: // restore_extended
@@ -376,19 +376,19 @@ bool run_program(const uint8_t* insns, const uint8_t* end, const cie_info& cie, 
             *s = remembered[--depth];
             break;
         case 0x0c: // def_cfa
-            s->cfa_reg = static_cast<unsigned>(r.uleb());
-            s->cfa_off = static_cast<int64_t>(r.uleb());
-            s->cfa_expr = false;
+            s->cfa_reg_ = static_cast<unsigned>(r.uleb());
+            s->cfa_off_ = static_cast<int64_t>(r.uleb());
+            s->cfa_expr_ = false;
             break;
         case 0x0d: // def_cfa_register
-            s->cfa_reg = static_cast<unsigned>(r.uleb());
-            s->cfa_expr = false;
+            s->cfa_reg_ = static_cast<unsigned>(r.uleb());
+            s->cfa_expr_ = false;
             break;
         case 0x0e: // def_cfa_offset
-            s->cfa_off = static_cast<int64_t>(r.uleb());
+            s->cfa_off_ = static_cast<int64_t>(r.uleb());
             break;
         case 0x0f: // def_cfa_expression
-            s->cfa_expr = true;
+            s->cfa_expr_ = true;
             r.skip(r.uleb());
             break;
         case 0x10:
@@ -399,16 +399,16 @@ bool run_program(const uint8_t* insns, const uint8_t* end, const cie_info& cie, 
         }
         case 0x11: { // offset_extended_sf
             const unsigned reg = static_cast<unsigned>(r.uleb());
-            set_offset(reg, r.sleb() * cie.data_align);
+            set_offset(reg, r.sleb() * cie.data_align_);
             break;
         }
         case 0x12: // def_cfa_sf
-            s->cfa_reg = static_cast<unsigned>(r.uleb());
-            s->cfa_off = r.sleb() * cie.data_align;
-            s->cfa_expr = false;
+            s->cfa_reg_ = static_cast<unsigned>(r.uleb());
+            s->cfa_off_ = r.sleb() * cie.data_align_;
+            s->cfa_expr_ = false;
             break;
         case 0x13: // def_cfa_offset_sf
-            s->cfa_off = r.sleb() * cie.data_align;
+            s->cfa_off_ = r.sleb() * cie.data_align_;
             break;
         case 0x14:
         case 0x15: { // val_offset, val_offset_sf
@@ -424,14 +424,14 @@ bool run_program(const uint8_t* insns, const uint8_t* end, const cie_info& cie, 
             break;
         case 0x2f: { // GNU_negative_offset_extended
             const unsigned reg = static_cast<unsigned>(r.uleb());
-            set_offset(reg, -static_cast<int64_t>(r.uleb()) * cie.data_align);
+            set_offset(reg, -static_cast<int64_t>(r.uleb()) * cie.data_align_);
             break;
         }
         default: // set_loc and anything unknown
             return false;
         }
     }
-    return r.ok;
+    return r.ok_;
 }
 
 enum class lookup { found, no_fde, unsupported };
@@ -456,28 +456,28 @@ lookup find_rule(uintptr_t pc, frame_rule* rule) {
     reader r{fde + 8, fde + 4 + len};
     // The start of the function comes from the lookup; its encoded form and
     // the range only need skipping.
-    if (!r.skip_encoded(cie.fde_enc) || !r.skip_encoded(cie.fde_enc & 0x0f))
+    if (!r.skip_encoded(cie.fde_enc_) || !r.skip_encoded(cie.fde_enc_ & 0x0f))
         return lookup::unsupported;
-    if (cie.has_z)
+    if (cie.has_z_)
         r.skip(r.uleb());
-    if (!r.ok)
+    if (!r.ok_)
         return lookup::unsupported;
-    const uintptr_t start = reinterpret_cast<uintptr_t>(bases.func);
+    const uintptr_t start = reinterpret_cast<uintptr_t>(bases.func_);
     cfa_state s;
-    if (!run_program(cie.insns, cie.end, cie, start, pc, &s, nullptr))
+    if (!run_program(cie.insns_, cie.end_, cie, start, pc, &s, nullptr))
         return lookup::unsupported;
     const cfa_state initial = s;
-    if (!run_program(r.p, r.end, cie, start, pc, &s, &initial))
+    if (!run_program(r.p_, r.end_, cie, start, pc, &s, &initial))
         return lookup::unsupported;
-    if (s.cfa_expr || (s.cfa_reg != REG_RSP && s.cfa_reg != REG_RBP) || s.rbp_how == 2 ||
-        s.rbp_how == 3 || s.ra_how == 0 || s.ra_how == 3)
+    if (s.cfa_expr_ || (s.cfa_reg_ != REG_RSP && s.cfa_reg_ != REG_RBP) || s.rbp_how_ == 2 ||
+        s.rbp_how_ == 3 || s.ra_how_ == 0 || s.ra_how_ == 3)
         return lookup::unsupported;
-    rule->cfa_rbp = s.cfa_reg == REG_RBP;
-    rule->cfa_off = s.cfa_off;
-    rule->rbp_saved = s.rbp_how == 1;
-    rule->rbp_off = s.rbp_off;
-    rule->ra_undefined = s.ra_how == 2;
-    rule->ra_off = s.ra_off;
+    rule->cfa_rbp_ = s.cfa_reg_ == REG_RBP;
+    rule->cfa_off_ = s.cfa_off_;
+    rule->rbp_saved_ = s.rbp_how_ == 1;
+    rule->rbp_off_ = s.rbp_off_;
+    rule->ra_undefined_ = s.ra_how_ == 2;
+    rule->ra_off_ = s.ra_off_;
     remember(pc, *rule);
     return lookup::found;
 }
@@ -524,14 +524,14 @@ walk_stack(void** frames, unsigned max_frames, const void* caller, unsigned* cou
         case lookup::unsupported:
             return walk_result::give_up;
         }
-        if (rule.ra_undefined)
+        if (rule.ra_undefined_)
             break;
-        const uintptr_t cfa = (rule.cfa_rbp ? bp : sp) + static_cast<uintptr_t>(rule.cfa_off);
+        const uintptr_t cfa = (rule.cfa_rbp_ ? bp : sp) + static_cast<uintptr_t>(rule.cfa_off_);
         if (cfa <= sp || cfa - sp > MAX_FRAME)
             return walk_result::give_up;
-        if (rule.rbp_saved)
-            bp = *reinterpret_cast<const uintptr_t*>(cfa + static_cast<uintptr_t>(rule.rbp_off));
-        pc = *reinterpret_cast<const uintptr_t*>(cfa + static_cast<uintptr_t>(rule.ra_off));
+        if (rule.rbp_saved_)
+            bp = *reinterpret_cast<const uintptr_t*>(cfa + static_cast<uintptr_t>(rule.rbp_off_));
+        pc = *reinterpret_cast<const uintptr_t*>(cfa + static_cast<uintptr_t>(rule.ra_off_));
         sp = cfa;
         if (pc == 0)
             break;
