@@ -1,0 +1,304 @@
+// Every allocation of the exception facility made to fail, one request at a
+// time and from one request on: the exception must still report what it can
+// (the right failure code and note, the fallback text), texts degrade into
+// prefixes, and every block goes back to its allocator.
+//
+// Allocation sites reached: the data block and the stack buffer (creation),
+// an appended node (append_message), the string storage (string and string
+// stream growth, what(alloc, ...), printing).
+#include <new>
+#include <string>
+#include <vector>
+
+#include "support/fault_sweep.hpp"
+#include "support/test_host.hpp"
+#include "vrk/base/impl/bad_alloc_text.hpp"
+#include "vrk/sstream.hpp"
+
+namespace {
+
+using vrk::exception;
+using vrk::exception_node;
+using vrk_test::fault_point;
+using vrk_test::fault_sweep;
+
+// The test host records three fake frames from this address.
+const void* const FRAMES = reinterpret_cast<const void*>(0x1000);
+const char* const FILE_A = "sys/x/alpha.cpp";
+const vrk::error_code ALPHA{7, "alpha failed", nullptr};
+
+vrk::error_code code_for(int n) { return vrk::error_code{n, "member", nullptr}; }
+
+// What a correctly degraded exception shows: per exception of the chain, per
+// message its error number, text and failure code.
+struct node_model {
+    int err;
+    std::string text;
+    int code;
+};
+using exception_model = std::vector<node_model>;
+
+// The short form (no throw locations) the model stands for.
+std::string short_form_of(const std::vector<exception_model>& chain) {
+    std::string s;
+    for (const exception_model& e : chain)
+        for (const node_model& n : e) {
+            s += "exception " + std::to_string(n.err) + ": " + n.text;
+            if (n.code >= 1 && n.code <= 3)
+                s += std::string("; \"") + vrk::impl::EXP_BAD_ALLOC_MSG[n.code] +
+                     "\" (code:" + std::to_string(n.code) + ")";
+            s += '\n';
+        }
+    return s;
+}
+
+std::string fallback_of(int err, const char* file, int line) {
+    return std::string(vrk::impl::getBadAllocMsg(err, file, line)) + "\n";
+}
+
+// The short form as the exception writes it, on an allocator of its own.
+std::string short_form(const exception& e) {
+    vrk_test::test_allocator out;
+    vrk::string s = e.what(out, true);
+    return std::string(s.c_str(), s.size());
+}
+
+std::string long_form(const exception& e) {
+    vrk_test::test_allocator out;
+    vrk::osstream os(out);
+    e.print(os);
+    vrk::string s = os.str();
+    return std::string(s.c_str(), s.size());
+}
+
+const exception_node& first_node(const exception& e) {
+    return const_cast<const vrk::exception_data*>(e.data())->node_;
+}
+
+bool is_prefix(const std::string& part, const std::string& whole) {
+    return whole.compare(0, part.size(), part) == 0 && part.size() <= whole.size();
+}
+
+class FaultSweep : public vrk_test::host_fixture {};
+
+TEST_F(FaultSweep, CreatingAndThrowingDegradesIntoCodesAndTheFallbackText) {
+    fault_sweep("create_with_message", [](const fault_point& fp) {
+        vrk_test::counters().forgotten = 0;
+        {
+            // Requests 0 and 1: block and stack buffer.
+            exception e(FILE_A, 42, ALPHA, FRAMES);
+            EXPECT_EQ(e.error_no(), 7);
+            EXPECT_EQ(e.line(), 42);
+            EXPECT_STREQ(e.file().get(), FILE_A);
+            if (fp.fails(0)) {
+                EXPECT_EQ(e.data(), nullptr);
+                EXPECT_EQ(std::string(e.what()), fallback_of(7, FILE_A, 42).substr(0, 164));
+                EXPECT_TRUE(e.begin() == e.end());
+                EXPECT_EQ(long_form(e), fallback_of(7, FILE_A, 42));
+                EXPECT_EQ(short_form(e), fallback_of(7, FILE_A, 42));
+            } else {
+                ASSERT_NE(e.data(), nullptr);
+                const int code = fp.fails(1) ? exception_node::STACK_FAILED : 0;
+                EXPECT_EQ(first_node(e).bad_alloc(), code);
+                EXPECT_STREQ(e.what(), "alpha failed");
+                EXPECT_EQ(short_form(e), short_form_of({{{7, "alpha failed", code}}}));
+                EXPECT_EQ(e.stack_trace(nullptr), code != 0 ? 0 : 3);
+                const std::string text = long_form(e);
+                EXPECT_EQ(text.find("NO exception throw location recorded. Allocation of stack "
+                                    "data failed.\n") != std::string::npos,
+                          code != 0)
+                    << text;
+            }
+            // Throwing allocates nothing: the caught copy is the same exception.
+            try {
+                e.register_on_thread();
+                e.do_throw();
+            } catch (const exception& caught) {
+                EXPECT_EQ(caught.error_no(), 7);
+                EXPECT_EQ(caught.line(), 42);
+                EXPECT_EQ(caught == e, e.data() != nullptr);
+                caught.mark_processed();
+            }
+        }
+        EXPECT_EQ(vrk_test::counters().forgotten, 0) << "an inspected exception was reported";
+        // Dropped unseen, an exception is reported once, and only when it
+        // has a block to report.
+        const long next = fp.fails(0) ? 1 : 2;
+        { exception dropped(FILE_A, 43, code_for(8), FRAMES); }
+        EXPECT_EQ(vrk_test::counters().forgotten, fp.fails(next) ? 0 : 1);
+    });
+}
+
+TEST_F(FaultSweep, AppendingMessagesStopsAtTheFirstLostMessage) {
+    fault_sweep("append_messages", [](const fault_point& fp) {
+        exception e(FILE_A, 42, ALPHA, FRAMES);
+        for (int k = 1; k <= 3; ++k)
+            e.append_message("sys/x/beta.cpp", k, 100 + k,
+                             (std::string(30 * k, 'm') + std::to_string(k)).c_str());
+        // The model: a lost stack buffer or message closes the list for good.
+        long req = 0;
+        if (fp.fails(req++)) {
+            EXPECT_EQ(e.data(), nullptr);
+            EXPECT_EQ(short_form(e), fallback_of(7, FILE_A, 42));
+            return;
+        }
+        exception_model m{{7, "alpha failed", fp.fails(req++) ? 2 : 0}};
+        bool closed = m.back().code != 0;
+        for (int k = 1; k <= 3 && !closed; ++k) {
+            if (fp.fails(req++)) {
+                m.back().code = exception_node::MESSAGE_FAILED;
+                closed = true;
+            } else {
+                m.push_back({100 + k, std::string(30 * k, 'm') + std::to_string(k), 0});
+            }
+        }
+        // A closed list takes no further message, and asks for no memory.
+        const long before = fp.alloc.requests();
+        e.append_message("sys/x/beta.cpp", 9, 109, "late");
+        if (closed)
+            EXPECT_EQ(fp.alloc.requests(), before);
+        else if (fp.fails(req++))
+            m.back().code = exception_node::MESSAGE_FAILED;
+        else
+            m.push_back({109, "late", 0});
+        EXPECT_EQ(short_form(e), short_form_of({m}));
+    });
+}
+
+TEST_F(FaultSweep, AChainKeepsEveryMemberThatHasABlockInOrder) {
+    fault_sweep("append_exceptions", [](const fault_point& fp) {
+        // Each exception asks for its block, then, when it got one, for its
+        // stack buffer.
+        exception head(FILE_A, 42, ALPHA, FRAMES);
+        std::vector<exception*> members;
+        for (int i = 1; i <= 3; ++i)
+            members.push_back(new exception("sys/x/m.cpp", i, code_for(10 + i), FRAMES));
+        for (exception* m : members)
+            head << *m;
+        // Members go first: their blocks live on through the links.
+        for (exception* m : members)
+            delete m;
+
+        long req = 0;
+        if (fp.fails(req++)) {
+            EXPECT_EQ(short_form(head), fallback_of(7, FILE_A, 42));
+            return;
+        }
+        std::vector<exception_model> chain{{{7, "alpha failed", fp.fails(req++) ? 2 : 0}}};
+        std::vector<int> order{7};
+        for (int i = 1; i <= 3; ++i)
+            if (!fp.fails(req++)) {
+                chain.push_back({{10 + i, "member", fp.fails(req++) ? 2 : 0}});
+                order.push_back(10 + i);
+            }
+        std::vector<int> walked;
+        for (exception x = head; x.data() != nullptr; x = x.get_next())
+            walked.push_back(x.error_no());
+        EXPECT_EQ(walked, order);
+        EXPECT_EQ(short_form(head), short_form_of(chain));
+    });
+}
+
+// A source exception with a long chain, built on a healthy allocator, so
+// that only the text's storage fails.
+class FaultSweepText : public FaultSweep {
+protected:
+    void SetUp() override {
+        FaultSweep::SetUp();
+        source_ = new exception(FILE_A, 42, ALPHA, FRAMES);
+        for (int k = 1; k <= 3; ++k)
+            source_->append_message("sys/x/beta.cpp", k, 100 + k, std::string(200, 'a' + k).c_str());
+        for (int i = 1; i <= 2; ++i) {
+            exception m("sys/x/m.cpp", i, code_for(10 + i), FRAMES);
+            m.append_message("sys/x/m.cpp", 50 + i, 20 + i, std::string(150, 'k').c_str());
+            *source_ << m;
+        }
+    }
+    void TearDown() override {
+        delete source_;
+        FaultSweep::TearDown();
+    }
+    exception* source_ = nullptr;
+};
+
+TEST_F(FaultSweepText, PrintingIntoAFailingStreamWritesAPrefixAndSetsBadbit) {
+    const std::string full = long_form(*source_);
+    ASSERT_GT(full.size(), 1000u);
+    fault_sweep("print_long_form", [&](const fault_point& fp) {
+        vrk::osstream os(fp.alloc);
+        os << *source_;
+        const std::string got(os.c_str());
+        EXPECT_TRUE(is_prefix(got, full)) << got;
+        EXPECT_EQ(got.size() < full.size(), fp.any_failed());
+        EXPECT_EQ(os.bad(), fp.any_failed());
+        EXPECT_TRUE(source_->data()->done()) << "a printed exception counts as seen";
+    });
+    EXPECT_EQ(vrk_test::counters().caught, 0) << "a standard allocation error is not dumped";
+}
+
+TEST_F(FaultSweepText, WhatOnAFailingAllocatorReturnsAPrefix) {
+    vrk_test::test_allocator healthy;
+    std::string full;
+    {
+        vrk::string s = source_->what(healthy, false);
+        full.assign(s.c_str(), s.size());
+    }
+    fault_sweep("what_short_form", [&](const fault_point& fp) {
+        vrk::string s = source_->what(fp.alloc, false);
+        const std::string got(s.c_str(), s.size());
+        EXPECT_TRUE(is_prefix(got, full)) << got;
+        EXPECT_EQ(got.size() < full.size(), fp.any_failed());
+        EXPECT_TRUE(source_->data()->done());
+    });
+}
+
+TEST_F(FaultSweep, GrowingStringsKeepTheirTextWhenGrowthFails) {
+    fault_sweep("string_growth", [](const fault_point& fp) {
+        vrk::string s(fp.alloc);
+        std::string model;
+        for (int i = 0; i < 30; ++i) {
+            const std::string piece = std::to_string(i) + std::string(17, 'x');
+            try {
+                s.append(piece.c_str());
+                model += piece;
+            } catch (const std::bad_alloc&) {
+                EXPECT_TRUE(fp.any_failed());
+            }
+            ASSERT_EQ(std::string(s.c_str(), s.size()), model);
+        }
+        // A shared block unshared by a change: on failure neither copy changes.
+        vrk::string copy(s);
+        try {
+            copy.push_back('!');
+            EXPECT_EQ(std::string(copy.c_str()), model + "!");
+        } catch (const std::bad_alloc&) {
+            EXPECT_EQ(std::string(copy.c_str()), model);
+        }
+        EXPECT_EQ(std::string(s.c_str()), model);
+    });
+}
+
+TEST_F(FaultSweep, AStringStreamThatCannotGrowKeepsAPrefixAndBadbit) {
+    std::string full;
+    auto write = [](vrk::osstream& os) {
+        for (int i = 0; i < 200; ++i)
+            os << "line " << i << ": " << -1234567L * i << ' ' << std::string(12, 'q').c_str()
+               << '\n';
+    };
+    {
+        vrk_test::test_allocator healthy;
+        vrk::osstream os(healthy);
+        write(os);
+        full = os.c_str();
+    }
+    fault_sweep("string_stream_growth", [&](const fault_point& fp) {
+        vrk::osstream os(fp.alloc);
+        write(os);
+        const std::string got(os.c_str());
+        EXPECT_TRUE(is_prefix(got, full));
+        EXPECT_EQ(got.size() < full.size(), fp.any_failed());
+        EXPECT_EQ(os.bad(), fp.any_failed());
+    });
+}
+
+} // namespace
