@@ -274,3 +274,5 @@ private:
 
 } // namespace impl
 } // namespace vrk
+
+#include "vrk/ext/message_args.hpp"

@@ -1,9 +1,155 @@
-// Message records and their parameter lists.
+// Message records, their parameter lists and the expansion of placeholders.
 #include "vrk/ext/message_list.hpp"
 
 #include <cstring>
+#include <new>
+
+#include "vrk/import.hpp"
+#include "vrk/ostream.hpp"
 
 namespace vrk {
+
+namespace {
+
+// Walks the list from `first` to `last` inclusive (the record behind `last`
+// may be one a copy appended later; it is not ours to see).
+inline const msg_parameter* step_(const msg_parameter* p, const msg_parameter* last) noexcept {
+    return p == last ? nullptr : p->p_next_;
+}
+
+inline bool named_(const msg_parameter* p, const char* name, size_t len) noexcept {
+    return p->name_len_ == len && std::memcmp(p->name_, name, len) == 0;
+}
+
+// The parameter a placeholder of that name stands for: the latest
+// replacement, else the first definition; null when there is none.
+const msg_parameter* select_(const msg_parameter* first, const msg_parameter* last,
+                             const char* name, size_t len) noexcept {
+    const msg_parameter* found = nullptr;
+    for (const msg_parameter* p = first; p != nullptr; p = step_(p, last))
+        if (named_(p, name, len) && (found == nullptr || p->force_))
+            found = p;
+    return found;
+}
+
+// Splits `text` into literal runs (`on_text(ptr, n)`) and substituted
+// placeholders (`on_param(record)`). An unknown name and a `$` without a
+// partner are literal text.
+template <class OnText, class OnParam>
+void scan_(const char* text, size_t len, const msg_parameter* first, const msg_parameter* last,
+           OnText on_text, OnParam on_param) {
+    size_t written = 0; // text before this index has been handed on
+    size_t pos = 0;     // where to look for the next opening `$`
+    while (pos < len) {
+        const void* open = std::memchr(text + pos, '$', len - pos);
+        if (open == nullptr)
+            break;
+        const size_t o = static_cast<size_t>(static_cast<const char*>(open) - text);
+        const void* close = std::memchr(text + o + 1, '$', len - o - 1);
+        if (close == nullptr)
+            break;
+        const size_t c = static_cast<size_t>(static_cast<const char*>(close) - text);
+        const msg_parameter* p =
+            c > o + 1 ? select_(first, last, text + o + 1, c - o - 1) : nullptr;
+        if (p == nullptr) {
+            pos = c; // the closing `$` may open the next placeholder
+            continue;
+        }
+        if (o > written)
+            on_text(text + written, o - written);
+        on_param(p);
+        written = pos = c + 1;
+    }
+    if (len > written)
+        on_text(text + written, len - written);
+}
+
+// True when the text substitutes a placeholder named like `p`.
+bool mentioned_(const char* text, size_t len, const msg_parameter* first,
+                const msg_parameter* last, const msg_parameter* p) {
+    bool seen = false;
+    scan_(text, len, first, last, [](const char*, size_t) {},
+          [&](const msg_parameter* q) { seen = seen || named_(q, p->name_, p->name_len_); });
+    return seen;
+}
+
+// True when no parameter before `p` has its name.
+bool first_of_name_(const msg_parameter* first, const msg_parameter* p) noexcept {
+    for (const msg_parameter* q = first; q != p; q = q->p_next_)
+        if (named_(q, p->name_, p->name_len_))
+            return false;
+    return true;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Sinks
+
+bool msg_parameter::out_ifc::remainder(const char* name, uint32_t name_len, const char* value,
+                                       uint32_t val_len) {
+    if (name == nullptr) {
+        if (!remainder_open_)
+            return true;
+        remainder_open_ = false;
+        return write("]", 1);
+    }
+    bool ok = write(remainder_open_ ? ", " : " [", 2);
+    remainder_open_ = true;
+    ok = write(name, name_len) && ok;
+    ok = write("=", 1) && ok;
+    return write(value, val_len) && ok;
+}
+
+bool msg_write_stream::write(const char* text, size_t len) {
+    os_.write(text, static_cast<streamsize>(len));
+    return !os_.bad();
+}
+
+msg_byte_stream::msg_byte_stream(char* buffer, size_t size) noexcept
+    : p_buffer_(buffer), capacity_(buffer != nullptr ? size : 0) {
+    if (capacity_ != 0)
+        p_buffer_[0] = '\0';
+}
+
+bool msg_byte_stream::write(const char* text, size_t len) noexcept {
+    const size_t room = capacity_ - used_;
+    const size_t n = len < room ? len : room;
+    if (n != 0)
+        std::memcpy(p_buffer_ + used_, text, n);
+    used_ += n;
+    if (used_ < capacity_)
+        p_buffer_[used_] = '\0';
+    return n == len;
+}
+
+// ---------------------------------------------------------------------------
+// Parameters
+
+size_t msg_parameter::allocation_size(size_t name_len, size_t val_len) noexcept {
+    const size_t n = offsetof(msg_parameter, value_) + val_len + 1 + name_len + 1;
+    return n < sizeof(msg_parameter) ? sizeof(msg_parameter) : n;
+}
+
+void msg_parameter::init(const char* name, const char* value, uint32_t size,
+                         bool force) noexcept {
+    // Pointer arithmetic from the decayed array: the text runs past value_[0]
+    // to the end of the allocation.
+    char* text = value_;
+    if (value != nullptr && size != 0)
+        std::memcpy(text, value, size);
+    else
+        size = 0;
+    text[size] = '\0';
+    const size_t name_len = std::strlen(name);
+    char* name_copy = text + size + 1;
+    std::memcpy(name_copy, name, name_len + 1);
+    p_next_ = nullptr;
+    name_ = name_copy;
+    name_len_ = static_cast<uint32_t>(name_len);
+    val_size_ = size;
+    force_ = force;
+}
 
 void msg_parameter::destroy(msg_parameter* first, allocator& alloc) noexcept {
     while (first != nullptr) {
@@ -12,6 +158,39 @@ void msg_parameter::destroy(msg_parameter* first, allocator& alloc) noexcept {
         first = next;
     }
 }
+
+const char* msg_parameter::get_value_by_name(const char* name) const noexcept {
+    if (name == nullptr)
+        return nullptr;
+    return named_(this, name, std::strlen(name)) ? value_ : nullptr;
+}
+
+void msg_parameter::expand(const char* text, size_t len, out_ifc& out, msg_parameter** first,
+                           msg_parameter** last) {
+    const msg_parameter* f = first != nullptr ? *first : nullptr;
+    const msg_parameter* l = last != nullptr ? *last : nullptr;
+    if (f == nullptr || l == nullptr) {
+        out.write(text, len);
+        return;
+    }
+    scan_(
+        text, len, f, l, [&](const char* s, size_t n) { out.write(s, n); },
+        [&](const msg_parameter* p) { out.write(p->value_, p->val_size_); });
+
+    bool listed = false;
+    for (const msg_parameter* p = f; p != nullptr; p = step_(p, l)) {
+        if (!first_of_name_(f, p) || mentioned_(text, len, f, l, p))
+            continue;
+        const msg_parameter* v = select_(f, l, p->name_, p->name_len_);
+        out.remainder(p->name_, p->name_len_, v->value_, v->val_size_);
+        listed = true;
+    }
+    if (listed)
+        out.remainder(nullptr, 0, nullptr, 0);
+}
+
+// ---------------------------------------------------------------------------
+// Message records
 
 char* message_node::init(const char* text, size_t len) noexcept {
     prm_first_ = nullptr;
@@ -29,5 +208,60 @@ void message_node::destroy(allocator& alloc) noexcept {
     prm_first_ = nullptr;
     prm_last_ = nullptr;
 }
+
+// Not inlined: the allocator is told who asked, the code this returns to.
+__attribute__((noinline)) bool message_node::new_param(allocator& ma, const char* name,
+                                                       const char* value, bool force) noexcept {
+    if (name == nullptr)
+        return true; // nothing to store, and no memory was lost
+    const size_t name_len = std::strlen(name);
+    const size_t val_len = value != nullptr ? std::strlen(value) : 0;
+    if (name_len > UINT32_MAX || val_len > UINT32_MAX)
+        return false;
+    void* raw = ma.allocateNoThrow(msg_parameter::allocation_size(name_len, val_len),
+                                   __builtin_return_address(0));
+    if (raw == nullptr)
+        return false;
+    auto* p = ::new (raw) msg_parameter;
+    p->init(name, value, static_cast<uint32_t>(val_len), force);
+    if (prm_last_ != nullptr)
+        prm_last_->p_next_ = p;
+    else
+        prm_first_ = p;
+    prm_last_ = p;
+    return true;
+}
+
+const char* message_node::get_param_value_by_name(const char* name) const noexcept {
+    if (name == nullptr || prm_first_ == nullptr)
+        return nullptr;
+    const msg_parameter* p = select_(prm_first_, prm_last_, name, std::strlen(name));
+    return p != nullptr ? p->value_ : nullptr;
+}
+
+void message_node::expand(msg_parameter::out_ifc& out) const {
+    msg_parameter* first = prm_first_;
+    msg_parameter* last = prm_last_;
+    msg_parameter::expand(message(), length_, out, &first, &last);
+}
+
+size_t message_node::expand(char* buf, size_t size) const noexcept {
+    msg_byte_stream out(buf, size);
+    expand(out);
+    return out.size();
+}
+
+ostream& message_node::expand(ostream& os) const {
+    msg_write_stream out(os);
+    expand(out);
+    return os;
+}
+
+// ---------------------------------------------------------------------------
+// Messages to append
+
+error_message::error_message(const char* fname, int line, int err_no, const char* msg) noexcept
+    : file_(vrk_extern::import::stdFileName(fname)), line_(line), err_no_(err_no),
+      format_(msg) {}
 
 } // namespace vrk

@@ -55,7 +55,8 @@ const char* getBadAllocMsg(int err_no, const char* p_file, int line) noexcept {
     const size_t len = p_file != nullptr ? std::strlen(p_file) : 0;
     const size_t shown = len < FILE_WIDTH ? len : FILE_WIDTH;
     std::memset(t + FILE_POS, ' ', FILE_WIDTH - shown);
-    std::memcpy(t + FILE_POS + FILE_WIDTH - shown, p_file + len - shown, shown);
+    if (shown != 0)
+        std::memcpy(t + FILE_POS + FILE_WIDTH - shown, p_file + len - shown, shown);
 
     // Error number: 11 zero-padded characters, padding blanked (the sign
     // stays in front of the digits since the padding stands before it).

@@ -278,7 +278,9 @@ exception& operator<<(exception& exp, const exception& add_exp) noexcept {
 // ---------------------------------------------------------------------------
 // Messages
 
-void exception::append_message(const char* fname, int line, int err_no, const char* msg) noexcept {
+// Not inlined: the allocator is told who asked, the code this returns to.
+__attribute__((noinline)) void exception::append_message(const char* fname, int line, int err_no,
+                                                         const char* msg) noexcept {
     if (p_fst_ == nullptr || p_lst_->out_of_memory())
         return;
     p_fst_->clear_done();

@@ -53,11 +53,15 @@ public:
     const msg_parameter* first() const noexcept {
         return msg_owner_ ? msg_param_.first() : nullptr;
     }
-    // Writes the message with its placeholders expanded; returns `stream`.
-    ostream& expand(ostream& stream) const;
-
     // True when memory ran out on this node (codes 1 to 3).
     bool out_of_memory() const noexcept { return (bad_alloc_ & 3) != 0; }
+
+    // The message with its placeholders replaced, to a stream (returned) or
+    // into `buffer` (returns the characters stored, at most `buf_size`; a
+    // terminator follows them when there is room). A borrowed text is
+    // written as it is; a null one writes nothing.
+    ostream& expand(ostream& stream) const;
+    size_t expand(char* buffer, size_t buf_size) const noexcept;
 
     // A node with a copy of `msg` (`len` characters; null for an empty text)
     // behind it and the host's form of `fname`.
@@ -66,6 +70,16 @@ public:
     // no message yet.
     void init_(char* fname, int line, int err_no) noexcept;
 
+private:
+    friend class exception;
+
+    // Adds a parameter (copies of name and value); records PARAM_FAILED when
+    // it cannot be allocated. Dropped when memory already ran out on this
+    // node or the node has a borrowed text.
+    void new_param_(allocator& ma, const char* name, const char* val_str, bool force) noexcept;
+    void expand_(msg_parameter::out_ifc& out_stream) const;
+
+public:
     exception_node* p_next_;
     faultprot_cstring file_;
     int line_;
