@@ -4,8 +4,9 @@
 // prefixes, and every block goes back to its allocator.
 //
 // Allocation sites reached: the data block and the stack buffer (creation),
-// an appended node (append_message), the string storage (string and string
-// stream growth, what(alloc, ...), printing).
+// an appended node (append_message), a message parameter (every typed
+// argument, an exception argument included), the string storage (string and
+// string stream growth, what(alloc, ...), printing).
 #include <new>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "support/fault_sweep.hpp"
 #include "support/test_host.hpp"
 #include "vrk/base/impl/bad_alloc_text.hpp"
+#include "vrk/ext/message_args.hpp"
 #include "vrk/sstream.hpp"
 
 namespace {
@@ -299,6 +301,89 @@ TEST_F(FaultSweep, AStringStreamThatCannotGrowKeepsAPrefixAndBadbit) {
         EXPECT_EQ(got.size() < full.size(), fp.any_failed());
         EXPECT_EQ(os.bad(), fp.any_failed());
     });
+}
+
+// Every kind of argument, a second message and an argument on it: the first
+// lost parameter or message closes the exception's list for good, and the
+// text is that of the operations before it plus the note of the loss.
+class FaultSweepArgs : public FaultSweep {
+protected:
+    struct op {
+        bool message; // an appended message, else a parameter
+        void (*apply)(exception&, const exception& nested);
+    };
+    static const std::vector<op>& ops() {
+        using namespace vrk;
+        static const std::vector<op> all{
+            {false, [](exception& e, const exception&) { e << msgarg_bool("B", true); }},
+            {false, [](exception& e, const exception&) { e << msgarg_char("C", 'x'); }},
+            {false, [](exception& e, const exception&) { e << msgarg_uchar("UC", 200); }},
+            {false, [](exception& e, const exception&) { e << msgarg_int("I", -5); }},
+            {false, [](exception& e, const exception&) { e << msgarg_uint("U", 5u, true); }},
+            {false, [](exception& e, const exception&) { e << msgarg_int64("L", -(1L << 40)); }},
+            {false, [](exception& e, const exception&) { e << msgarg_uint64("UL", ~0UL); }},
+            {false, [](exception& e, const exception&) { e << msgarg_float("F", 0.5F); }},
+            {false, [](exception& e, const exception&) { e << msgarg_double("D", 1e300); }},
+            {false, [](exception& e, const exception&) { e << msgarg_text("T", "some text"); }},
+            {false, [](exception& e, const exception&) { e << msgarg_text("H", "hex", true); }},
+            {false, [](exception& e, const exception&) { e << msgarg_ptr("P", FRAMES); }},
+            {false, [](exception& e, const exception& n) { e << msgarg_exc("X", n); }},
+            {false, [](exception& e, const exception&) { e << msgrpl_int("I", 9); }},
+            {true, [](exception& e, const exception&) {
+                 e.append_message("sys/x/beta.cpp", 2, 102, "then $N$ and $X2$");
+             }},
+            {false, [](exception& e, const exception&) { e << msgarg_int("N", 3); }},
+            {false, [](exception& e, const exception& n) { e << msgrpl_exc("X2", n); }},
+        };
+        return all;
+    }
+    static constexpr const char* TEXT =
+        "B=$B$ C=$C$ UC=$UC$ I=$I$ U=$U$ L=$L$ UL=$UL$ F=$F$ D=$D$ T=$T$ H=$H$ P=$P$ X=$X$";
+};
+
+TEST_F(FaultSweepArgs, ALostParameterOrMessageClosesTheListWithItsNote) {
+    const vrk::error_code code{7, TEXT, nullptr};
+    // The nested exception lives on the fixture's allocator: only the outer
+    // exception's memory fails.
+    exception nested("sys/x/n.cpp", 5, code_for(55), FRAMES);
+    nested.append_message("sys/x/n.cpp", 6, 56, "nested second");
+    fault_sweep("arguments", [&](const fault_point& fp) {
+        exception e(FILE_A, 42, code, FRAMES);
+        for (const op& o : ops())
+            o.apply(e, nested);
+
+        // The model: request 0 the block, 1 the stack buffer, then one per
+        // operation until the first that fails.
+        vrk_test::test_allocator healthy;
+        vrk_test::set_default_allocator(&healthy);
+        std::string expected;
+        {
+            exception ref(FILE_A, 42, code, FRAMES);
+            int lost = 0;
+            long req = 1;
+            if (fp.fails(0)) {
+                expected = fallback_of(7, FILE_A, 42);
+            } else {
+                if (fp.fails(req++))
+                    lost = exception_node::STACK_FAILED;
+                for (size_t i = 0; i < ops().size() && lost == 0; ++i) {
+                    if (fp.fails(req++))
+                        lost = ops()[i].message ? exception_node::MESSAGE_FAILED
+                                                : exception_node::PARAM_FAILED;
+                    else
+                        ops()[i].apply(ref, nested);
+                }
+                expected = short_form(ref);
+                if (lost != 0)
+                    expected.insert(expected.size() - 1,
+                                    std::string("; \"") + vrk::impl::EXP_BAD_ALLOC_MSG[lost] +
+                                        "\" (code:" + std::to_string(lost) + ")");
+            }
+        }
+        vrk_test::set_default_allocator(&fp.alloc);
+        EXPECT_EQ(short_form(e), expected);
+    });
+    nested.mark_processed();
 }
 
 } // namespace
