@@ -10,27 +10,36 @@
 #include "vrk/sstream.hpp"
 
 namespace {
-
-const vrk::error_code ERR_DISK_FULL{5001, "Disk full while writing the journal", nullptr};
+const vrk::error_code ERR_DISK_FULL{5001, "Disk full while writing $FILE$", nullptr};
 const vrk::error_code ERR_SAVE_FAILED{5002, "Saving the document failed", nullptr};
+} // namespace
 
-[[noreturn]] void write_journal() {
-    vrk::runtime_error e("examples/demo.cpp", __LINE__, ERR_DISK_FULL);
-    e.append_message("examples/demo.cpp", __LINE__, 5001, "Journal segment 17 of 20");
-    e.register_on_thread();
-    vrk::impl::throw_check<vrk::runtime_error>(e).do_throw();
+// Functions with external linkage: exported from the demo, so the default
+// host names them in traces even without debug information.
+namespace demo {
+
+[[noreturn]] void write_journal();
+void save_document();
+
+void write_journal() {
+    VRK_THROW(vrk::runtime_error, ERR_DISK_FULL)
+        << vrk::msgarg_text("FILE", "journal.db")
+        << vrk::error_message(__FILE__, __LINE__, 5001, "Journal segment $SEGMENT$ of $COUNT$")
+        << vrk::msgarg_int("SEGMENT", 17) << vrk::msgarg_int("COUNT", 20);
 }
 
 void save_document() {
     try {
         write_journal();
     } catch (const vrk::exception& cause) {
-        vrk::runtime_error e("examples/demo.cpp", __LINE__, ERR_SAVE_FAILED);
-        e << cause; // the cause travels behind the new error
-        e.register_on_thread();
-        vrk::impl::throw_check<vrk::runtime_error>(e).do_throw();
+        // The cause travels behind the new error.
+        VRK_THROW(vrk::runtime_error, ERR_SAVE_FAILED) << cause;
     }
 }
+
+} // namespace demo
+
+namespace {
 
 void print_chain(const vrk::exception& head) {
     int depth = 0;
@@ -60,7 +69,7 @@ int main() {
     int status = 1;
     std::thread worker([&] {
         try {
-            save_document();
+            demo::save_document();
         } catch (const vrk::exception& e) {
             std::printf("caught on the worker thread: %s\n", e.what());
             print_chain(e);
@@ -70,7 +79,10 @@ int main() {
             std::printf("\nlong form:\n%s", long_form.c_str());
             vrk::string short_form = e.what(heap, true);
             std::printf("\nshort form:\n%s", short_form.c_str());
-            status = e.is_identified_by(ERR_SAVE_FAILED) && e.get_next().is_identified_by(ERR_DISK_FULL) ? 0 : 1;
+            status =
+                e.is_identified_by(ERR_SAVE_FAILED) && e.get_next().is_identified_by(ERR_DISK_FULL)
+                    ? 0
+                    : 1;
         }
     });
     worker.join();

@@ -209,7 +209,8 @@ protected:
         FaultSweep::SetUp();
         source_ = new exception(FILE_A, 42, ALPHA, FRAMES);
         for (int k = 1; k <= 3; ++k)
-            source_->append_message("sys/x/beta.cpp", k, 100 + k, std::string(200, 'a' + k).c_str());
+            source_->append_message("sys/x/beta.cpp", k, 100 + k,
+                                    std::string(200, 'a' + k).c_str());
         for (int i = 1; i <= 2; ++i) {
             exception m("sys/x/m.cpp", i, code_for(10 + i), FRAMES);
             m.append_message("sys/x/m.cpp", 50 + i, 20 + i, std::string(150, 'k').c_str());
@@ -329,7 +330,8 @@ protected:
             {false, [](exception& e, const exception&) { e << msgarg_ptr("P", FRAMES); }},
             {false, [](exception& e, const exception& n) { e << msgarg_exc("X", n); }},
             {false, [](exception& e, const exception&) { e << msgrpl_int("I", 9); }},
-            {true, [](exception& e, const exception&) {
+            {true,
+             [](exception& e, const exception&) {
                  e.append_message("sys/x/beta.cpp", 2, 102, "then $N$ and $X2$");
              }},
             {false, [](exception& e, const exception&) { e << msgarg_int("N", 3); }},

@@ -12,3 +12,9 @@ cmake -S "$src/examples/consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH=
 cmake --build "$work/build" > "$work.build.log" 2>&1 || { cat "$work.build.log"; exit 1; }
 "$work/build/consumer_own_host"
 "$work/build/consumer_default_host"
+
+# The same consumer built with nothing but pkg-config's flags.
+pcdir=$(dirname "$(find "$work/prefix" -name vrk.pc | head -n 1)")
+flags=$(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs vrk)
+"${CXX:-g++}" "$src/examples/consumer/main.cpp" -o "$work/pkgconfig_consumer" $flags
+"$work/pkgconfig_consumer"

@@ -33,9 +33,9 @@ struct fault_point {
     }
     bool any_failed() const noexcept { return alloc.failures() > 0; }
     std::string label() const {
-        return mode == NONE ? "no failure"
-                            : std::string(mode == AT ? "fail_at " : "fail_from ") +
-                                  std::to_string(index);
+        return mode == NONE
+                   ? "no failure"
+                   : std::string(mode == AT ? "fail_at " : "fail_from ") + std::to_string(index);
     }
 };
 

@@ -276,3 +276,4 @@ private:
 } // namespace vrk
 
 #include "vrk/ext/message_args.hpp"
+#include "vrk/throw.hpp" // VRK_THROW: the throw site in one expression

@@ -18,6 +18,7 @@
 #include <new>
 
 #include "vrk/exception.hpp"
+#include "vrk/host/frame_names.hpp"
 #include "vrk/import.hpp"
 #include "vrk/ostream.hpp"
 
@@ -147,36 +148,21 @@ unsigned vrk_extern::import::save_stack_trace(void** frames, unsigned max_frames
 }
 
 // One frame a line, numbered:
-//   #0  0x000055d4c8a0b1c4 app::save_document()+0x54 (app)
-// The address is a return address; the symbol is the nearest exported one
-// before it as the dynamic linker knows it (link with -rdynamic for the
-// functions of an executable), the module the file it was loaded from.
-// Symbols are resolved here, when printing, never when capturing.
+//   #0  0x000055d4c8a0b1c4 app::save_document()+0x54 (app) at /src/app/save.cpp:32
+// The address is a return address as captured; function, module and source
+// line are those of the call in front of it (see vrk/host/frame_names.hpp).
+// Without debug information, the function is the nearest exported symbol as
+// the dynamic linker knows it (link with -rdynamic for the functions of an
+// executable) and the source line is left out. Symbols are resolved here,
+// when printing, never when capturing.
 void vrk_extern::import::print_stack_trace(vrk::ostream* os, void** frames, unsigned count) {
+    vrk::host::frame_names names;
     for (unsigned i = 0; i < count; ++i) {
-        char line[160];
-        int n = std::snprintf(line, sizeof line, "#%-2u 0x%016lx", i,
-                              reinterpret_cast<unsigned long>(frames[i]));
+        char line[40];
+        const int n = std::snprintf(line, sizeof line, "#%-2u 0x%016lx", i,
+                                    reinterpret_cast<unsigned long>(frames[i]));
         os->write(line, n);
-        Dl_info info{};
-        if (dladdr(frames[i], &info) == 0) {
-            *os << vrk::endl;
-            continue;
-        }
-        if (info.dli_sname != nullptr) {
-            int status = -1;
-            char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-            *os << ' ' << (status == 0 && demangled != nullptr ? demangled : info.dli_sname);
-            std::free(demangled);
-            n = std::snprintf(line, sizeof line, "+0x%lx",
-                              static_cast<unsigned long>(static_cast<const char*>(frames[i]) -
-                                                         static_cast<const char*>(info.dli_saddr)));
-            os->write(line, n);
-        }
-        if (info.dli_fname != nullptr) {
-            const char* slash = std::strrchr(info.dli_fname, '/');
-            *os << " (" << (slash != nullptr ? slash + 1 : info.dli_fname) << ')';
-        }
+        names.write(*os, frames[i]);
         *os << vrk::endl;
     }
 }

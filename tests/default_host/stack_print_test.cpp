@@ -1,0 +1,130 @@
+// The default host's printed stack traces: numbered frames named after the
+// call in front of each return address; with debug information read (libdw),
+// the throw site's file:line and the names of functions that have no dynamic
+// symbol; without, function+offset from exported symbols and the module.
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "vrk/exception.hpp"
+#include "vrk/host/frame_names.hpp"
+#include "vrk/sstream.hpp"
+
+namespace {
+
+const vrk::error_code CODE{31, "printed trace", nullptr};
+
+struct heap_allocator final : vrk::allocator {
+    void* allocateNoThrow(size_t n, const void*) noexcept override { return std::malloc(n); }
+    void* allocate(size_t n, const void*) override { return allocate(n); }
+    void* allocate(size_t n) override {
+        if (void* p = std::malloc(n))
+            return p;
+        throw std::bad_alloc();
+    }
+    void deallocate(void* p) noexcept override { std::free(p); }
+};
+
+int g_throw_line = 0;
+int g_call_line = 0;
+const void* g_thrower_return = nullptr;
+
+std::string long_form(const vrk::exception& e) {
+    heap_allocator heap;
+    vrk::osstream os(heap);
+    os << e;
+    return os.c_str();
+}
+
+// The line of the printed trace that starts with "#<index> ".
+std::string frame_line(const std::string& text, int index) {
+    const std::string tag = "\n#" + std::to_string(index) + " ";
+    const size_t at = text.find(tag);
+    if (at == std::string::npos)
+        return "";
+    return text.substr(at + 1, text.find('\n', at + 1) - at - 1);
+}
+
+} // namespace
+
+// Exported (external linkage): the dynamic linker can name it.
+[[noreturn]] __attribute__((noinline)) void vrk_test_throw_site() {
+    g_thrower_return = __builtin_return_address(0);
+    g_throw_line = __LINE__ + 1;
+    VRK_THROW(vrk::runtime_error, CODE);
+}
+
+namespace {
+
+// No dynamic symbol. Its call of a function that does not return is its last
+// instruction, so the return address lies past its end: only a lookup of
+// the address in front of it finds this function and this line.
+__attribute__((noinline)) void call_throw_site() {
+    g_call_line = __LINE__ + 1;
+    vrk_test_throw_site();
+}
+
+std::string caught_trace() {
+    try {
+        call_throw_site();
+    } catch (const vrk::exception& e) {
+        return long_form(e);
+    }
+    return "";
+}
+
+TEST(DefaultHostStackPrint, FramesNameTheThrowSite) {
+    std::string text;
+    try {
+        call_throw_site();
+    } catch (const vrk::exception& e) {
+        void** frames = nullptr;
+        ASSERT_GE(e.stack_trace(&frames), 2);
+        // Frame 0 is inside the function holding the throw site, frame 1 the
+        // call of that function.
+        EXPECT_EQ(frames[1], g_thrower_return);
+        text = long_form(e);
+    }
+    ASSERT_NE(text.find("exception throw location:\n#0  0x"), std::string::npos) << text;
+    const std::string f0 = frame_line(text, 0);
+    const std::string f1 = frame_line(text, 1);
+    EXPECT_NE(f0.find(" vrk_test_throw_site()+0x"), std::string::npos) << f0;
+    EXPECT_NE(f0.find(" (vrk_default_host_tests)"), std::string::npos) << f0;
+    if (vrk::host::frame_names::reads_debug_info()) {
+        EXPECT_NE(f0.find("stack_print_test.cpp:" + std::to_string(g_throw_line)),
+                  std::string::npos)
+            << f0;
+        EXPECT_NE(f1.find(" (anonymous namespace)::call_throw_site()+0x"), std::string::npos) << f1;
+        EXPECT_NE(f1.find("stack_print_test.cpp:" + std::to_string(g_call_line)), std::string::npos)
+            << f1;
+    } else {
+        EXPECT_EQ(f0.find(" at "), std::string::npos) << f0;
+        EXPECT_EQ(f1.find("call_throw_site"), std::string::npos) << f1;
+        EXPECT_NE(f1.find(" (vrk_default_host_tests)"), std::string::npos) << f1;
+    }
+}
+
+TEST(DefaultHostStackPrint, PrintingFromSeveralThreadsAtOnce) {
+    const std::string expected = caught_trace();
+    std::vector<std::thread> threads;
+    std::vector<int> mismatches(4, 0);
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 25; ++i) {
+                // The first lines (exception heading and frames 0 and 1) do
+                // not depend on the thread.
+                const std::string got = caught_trace();
+                if (frame_line(got, 1) != frame_line(expected, 1) ||
+                    frame_line(got, 0) != frame_line(expected, 0))
+                    ++mismatches[t];
+            }
+        });
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(mismatches, std::vector<int>(4, 0));
+}
+
+} // namespace
