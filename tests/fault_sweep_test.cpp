@@ -201,6 +201,27 @@ TEST_F(FaultSweep, AChainKeepsEveryMemberThatHasABlockInOrder) {
     });
 }
 
+TEST_F(FaultSweep, AThrowSiteKeepsClassFileLineAndRegistrationWithoutMemory) {
+    fault_sweep("throw_site", [](const fault_point& fp) {
+        try {
+            VRK_THROW_AT("sys/x/site.cpp", 77, vrk::runtime_error, ALPHA)
+                << vrk::msgarg_int("I", 3) << vrk::error_message("sys/x/site.cpp", 78, 8, "more");
+        } catch (const vrk::runtime_error& e) {
+            EXPECT_EQ(vrk_test::thread_head(), &e) << "the thrown copy carries the registration";
+            EXPECT_EQ(e.error_no(), 7);
+            EXPECT_EQ(e.line(), 77);
+            EXPECT_STREQ(e.file().get(), "sys/x/site.cpp");
+            EXPECT_EQ(e.data() == nullptr, fp.fails(0));
+            if (e.data() == nullptr)
+                EXPECT_EQ(short_form(e), fallback_of(7, "sys/x/site.cpp", 77));
+            else
+                EXPECT_EQ(short_form(e).rfind("exception 7: alpha failed", 0), 0u);
+        }
+        EXPECT_EQ(vrk_test::thread_head(), nullptr) << "still registered after the handler";
+        EXPECT_EQ(vrk_test::counters().unhandled, 0);
+    });
+}
+
 // A source exception with a long chain, built on a healthy allocator, so
 // that only the text's storage fails.
 class FaultSweepText : public FaultSweep {
