@@ -104,13 +104,15 @@ void register_all(const char* type_name, int radix) {
     static const std::pair<kind, const char*> KINDS[] = {
         {kind::mixed, "mixed"}, {kind::small, "small"}, {kind::max, "max"}};
     for (const auto& [k, kind_name] : KINDS) {
-        const std::string tail = std::string("/") + type_name + (radix == 16 ? "/hex/" : "/dec/") + kind_name;
+        // "<case>/<implementation>", as bench/run.sh pairs them.
+        const std::string head = std::string("itoa/") + type_name +
+                                 (radix == 16 ? "/hex/" : "/dec/") + kind_name + "/";
         const kind kk = k;
-        benchmark::RegisterBenchmark(("vrk_iToA" + tail).c_str(),
+        benchmark::RegisterBenchmark((head + "vrk").c_str(),
                                      [=](benchmark::State& s) { bm_vrk<T>(s, kk, radix); });
-        benchmark::RegisterBenchmark(("to_chars" + tail).c_str(),
+        benchmark::RegisterBenchmark((head + "to_chars").c_str(),
                                      [=](benchmark::State& s) { bm_to_chars<T>(s, kk, radix); });
-        benchmark::RegisterBenchmark(("snprintf" + tail).c_str(),
+        benchmark::RegisterBenchmark((head + "snprintf").c_str(),
                                      [=](benchmark::State& s) { bm_snprintf<T>(s, kk, radix); });
     }
 }

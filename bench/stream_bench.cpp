@@ -34,7 +34,7 @@ void BM_BufferStreamText(benchmark::State& state) {
     }
     state.SetBytesProcessed(state.iterations() * 30 * 40);
 }
-BENCHMARK(BM_BufferStreamText);
+BENCHMARK(BM_BufferStreamText)->Name("stream_text/vrk");
 
 void BM_StdOstringstreamText(benchmark::State& state) {
     for (auto _ : state) {
@@ -45,7 +45,7 @@ void BM_StdOstringstreamText(benchmark::State& state) {
     }
     state.SetBytesProcessed(state.iterations() * 30 * 40);
 }
-BENCHMARK(BM_StdOstringstreamText);
+BENCHMARK(BM_StdOstringstreamText)->Name("stream_text/ostringstream");
 
 void BM_BufferStreamLong(benchmark::State& state) {
     long v = 0;
@@ -57,7 +57,7 @@ void BM_BufferStreamLong(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * 100);
 }
-BENCHMARK(BM_BufferStreamLong);
+BENCHMARK(BM_BufferStreamLong)->Name("stream_long/vrk");
 
 void BM_StdOstringstreamLong(benchmark::State& state) {
     long v = 0;
@@ -69,7 +69,7 @@ void BM_StdOstringstreamLong(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * 100);
 }
-BENCHMARK(BM_StdOstringstreamLong);
+BENCHMARK(BM_StdOstringstreamLong)->Name("stream_long/ostringstream");
 
 void BM_OsstreamGrowByChar(benchmark::State& state) {
     malloc_allocator ma;
@@ -82,7 +82,7 @@ void BM_OsstreamGrowByChar(benchmark::State& state) {
     }
     state.SetBytesProcessed(state.iterations() * n);
 }
-BENCHMARK(BM_OsstreamGrowByChar)->Arg(1 << 10)->Arg(1 << 16)->Arg(1 << 20);
+BENCHMARK(BM_OsstreamGrowByChar)->Name("stream_grow/vrk")->Arg(1 << 10)->Arg(1 << 16)->Arg(1 << 20);
 
 void BM_StdOstringstreamGrowByChar(benchmark::State& state) {
     const long n = state.range(0);
@@ -94,7 +94,7 @@ void BM_StdOstringstreamGrowByChar(benchmark::State& state) {
     }
     state.SetBytesProcessed(state.iterations() * n);
 }
-BENCHMARK(BM_StdOstringstreamGrowByChar)->Arg(1 << 10)->Arg(1 << 16)->Arg(1 << 20);
+BENCHMARK(BM_StdOstringstreamGrowByChar)->Name("stream_grow/ostringstream")->Arg(1 << 10)->Arg(1 << 16)->Arg(1 << 20);
 
 } // namespace
 

@@ -183,6 +183,41 @@ TEST_F(ExceptionPrint, StreamFormatIsUsedThenRestored) {
     EXPECT_NE(all.find("exception 99: no.99"), std::string::npos);
 }
 
+// A prefix is assembled in one piece only when the stream would write it as
+// plain text; every other set-up must still give the text of its flags.
+TEST_F(ExceptionPrint, PrefixTextFollowsEveryStreamSetUp) {
+    const exception e = two_nodes();
+    auto print_with = [&](auto&& set_up) {
+        vrk::osstream os(alloc_);
+        set_up(os);
+        e.print_default(os, true, true);
+        return text_of(os);
+    };
+    EXPECT_EQ(print_with([](vrk::osstream&) {}), LONG_TWO_NODES);
+    EXPECT_EQ(print_with([](vrk::osstream& os) { os.setf(vrk::ios_base::showpos); }),
+              "exception +1: no.+1000123  (loader.src:+120)\n    Cannot open file config.ini\n"
+              "exception +1: no.+1000456  (main.src:+42)\n    Startup failed\n");
+    EXPECT_EQ(print_with([](vrk::osstream& os) {
+                  os.setf(vrk::ios_base::left, vrk::ios_base::adjustfield);
+                  os.fill('*');
+              }),
+              "exception1**: no.1000123  (loader.src:120)\n    Cannot open file config.ini\n"
+              "exception1**: no.1000456  (main.src:42)\n    Startup failed\n");
+    vrk::osstream other(alloc_);
+    EXPECT_EQ(print_with([&](vrk::osstream& os) { os.tie(&other); }), LONG_TWO_NODES);
+    EXPECT_EQ(print_with([](vrk::osstream& os) { os.setf(vrk::ios_base::unitbuf); }),
+              LONG_TWO_NODES);
+    {
+        // A negative number and a file name longer than the assembled piece.
+        const std::string name(300, 'n');
+        exception neg(name.c_str(), -7, vrk::error_code{-12, "m", nullptr}, NO_STACK);
+        EXPECT_EQ(long_form(neg, true, true),
+                  "exception  1: no.-12  (" + name + ":-7)\n    m\n");
+        vrk::string short_form = neg.what(alloc_, true);
+        EXPECT_STREQ(short_form.c_str(), "exception -12: m\n");
+    }
+}
+
 TEST_F(ExceptionPrint, PrintHookReplacesOnlyPrint) {
     exception e = two_nodes();
     e.set_print_function([](const exception&, vrk::ostream& os) { os << "custom"; });

@@ -3,11 +3,9 @@
 
 namespace vrk::impl {
 
-namespace {
 // Zero-initialised static storage: no lock is ever created at run time.
 HashLocks s_lockwd[HASH_LOCK_COUNT];
-} // namespace
 
-HashLocks* getHashLocks() noexcept { return s_lockwd; }
+static_assert(sizeof(HashLocks) == 64, "one cache line per slot");
 
 } // namespace vrk::impl

@@ -27,15 +27,19 @@ using atomic_max_t = atomic_dword_t;
 
 namespace impl {
 
-// One slot of the lock table: 0 free, 1 held.
-struct HashLocks {
+// One slot of the lock table: 0 free, 1 held. Each slot has a cache line of
+// its own, so that threads spinning on or taking neighbouring slots do not
+// steal each other's line.
+struct alignas(64) HashLocks {
     int32_t isLocked;
 };
 
 inline constexpr size_t HASH_LOCK_COUNT = 701;
 
-// The process-wide table of 701 slots shared by every 128-bit atomic.
-HashLocks* getHashLocks() noexcept;
+// The process-wide table of 701 slots shared by every 128-bit atomic. Kept
+// visible here so that taking a slot is inline code, not a call.
+extern HashLocks s_lockwd[HASH_LOCK_COUNT];
+inline HashLocks* getHashLocks() noexcept { return s_lockwd; }
 
 struct Atomic128CAS {
     static size_t slot(const volatile void* word) noexcept {
@@ -112,6 +116,19 @@ template <> struct AtomicOperation<16> {
         }
         Atomic128CAS::unlock(s);
         return equal;
+    }
+    // Adds `delta` to the counter word (`hi`) and returns the value it
+    // replaced: a compare-and-swap whose expected value is the one read under
+    // the same hold of the lock, so it never has to be retried.
+    static atomic_dword_t add_hi(volatile atomic_dword_t& word, uint64_t delta) noexcept {
+        const size_t s = Atomic128CAS::slot(&word);
+        Atomic128CAS::lock(s);
+        atomic_dword_t prev;
+        prev.lo = __atomic_load_n(&word.lo, __ATOMIC_RELAXED);
+        prev.hi = __atomic_load_n(&word.hi, __ATOMIC_RELAXED);
+        __atomic_store_n(&word.hi, prev.hi + delta, __ATOMIC_RELAXED);
+        Atomic128CAS::unlock(s);
+        return prev;
     }
     // A compare-and-swap that expects and writes zero: reads the value under
     // the lock.

@@ -173,15 +173,43 @@ void msg_parameter::expand(const char* text, size_t len, out_ifc& out, msg_param
         out.write(text, len);
         return;
     }
+    // The records the text substituted, remembered while writing it, so that
+    // the remainder needs no second scan per parameter (up to a few; texts
+    // with more placeholders scan again).
+    constexpr int MAX_SEEN = 16;
+    const msg_parameter* seen[MAX_SEEN];
+    int n_seen = 0;
     scan_(
         text, len, f, l, [&](const char* s, size_t n) { out.write(s, n); },
-        [&](const msg_parameter* p) { out.write(p->value_, p->val_size_); });
+        [&](const msg_parameter* p) {
+            if (n_seen <= MAX_SEEN) {
+                bool known = false;
+                for (int i = 0; i < n_seen && !known; ++i)
+                    known = seen[i] == p;
+                if (!known && n_seen < MAX_SEEN)
+                    seen[n_seen++] = p;
+                else if (!known)
+                    n_seen = MAX_SEEN + 1; // too many: scan again below
+            }
+            out.write(p->value_, p->val_size_);
+        });
 
     bool listed = false;
     for (const msg_parameter* p = f; p != nullptr; p = step_(p, l)) {
-        if (!first_of_name_(f, p) || mentioned_(text, len, f, l, p))
+        if (!first_of_name_(f, p))
             continue;
+        // A placeholder of p's name stands for the record select_ picks for
+        // that name, so p is mentioned exactly when that record was written.
         const msg_parameter* v = select_(f, l, p->name_, p->name_len_);
+        bool mentioned = false;
+        if (n_seen <= MAX_SEEN) {
+            for (int i = 0; i < n_seen && !mentioned; ++i)
+                mentioned = seen[i] == v;
+        } else {
+            mentioned = mentioned_(text, len, f, l, p);
+        }
+        if (mentioned)
+            continue;
         out.remainder(p->name_, p->name_len_, v->value_, v->val_size_);
         listed = true;
     }

@@ -42,6 +42,11 @@ public:
              atomic_dword_t& prev) volatile noexcept {
         return impl::AtomicOperation<16>::cas(word_, expected, desired, prev);
     }
+    // Adds `delta` (modulo 2^64) to the count, keeps the pointer word, and
+    // returns the value replaced.
+    atomic_dword_t add_count(uint64_t delta) volatile noexcept {
+        return impl::AtomicOperation<16>::add_hi(word_, delta);
+    }
     void store(pointer p, uint64_t count) volatile noexcept {
         impl::AtomicOperation<16>::write(word_, make(p, count));
     }

@@ -1,9 +1,10 @@
 // The default host: the hooks a product supplies, in a form that lets the
 // facility run on its own.
 //
-// File names are kept as given; stacks are captured with the unwinder of the
-// language runtime (never resolving symbols and never allocating on the
-// capture path); forgotten exceptions are noted on the error output; each
+// File names are kept as given; stacks are captured by a fast walk over the
+// call-frame information, or the unwinder of the language runtime where the
+// walk gives up (never resolving symbols and never allocating on the capture
+// path); forgotten exceptions are noted on the error output; each
 // thread's registration head lives in a thread-local callback object; aborts
 // report to the error output and end the process; the default allocator is
 // the platform heap.
@@ -19,6 +20,7 @@
 
 #include "vrk/exception.hpp"
 #include "vrk/host/frame_names.hpp"
+#include "vrk/host/frame_walk.hpp"
 #include "vrk/import.hpp"
 #include "vrk/ostream.hpp"
 
@@ -72,6 +74,18 @@ _Unwind_Reason_Code collect_frame(_Unwind_Context* context, void* arg) {
     }
     state->frames[state->count++] = const_cast<void*>(ip);
     return state->count < state->max_frames ? _URC_NO_REASON : _URC_END_OF_STACK;
+}
+
+// The runtime's unwinder: every frame it can describe, slowly.
+unsigned unwinder_capture(void** frames, unsigned max_frames, const void* caller) noexcept {
+    capture_state state{frames, max_frames, 0, caller, caller == nullptr, 0};
+    _Unwind_Backtrace(collect_frame, &state);
+    if (state.count == 0 && !state.started) {
+        // `caller` was not on the stack: record from the top instead.
+        state = capture_state{frames, max_frames, 0, nullptr, true, 0};
+        _Unwind_Backtrace(collect_frame, &state);
+    }
+    return state.count;
 }
 
 // The unwinder finds and caches the unwind tables on first use; doing that
@@ -137,14 +151,18 @@ unsigned vrk_extern::import::save_stack_trace(void** frames, unsigned max_frames
                                               const void* caller) noexcept {
     if (max_frames == 0)
         return 0;
-    capture_state state{frames, max_frames, 0, caller, caller == nullptr, 0};
-    _Unwind_Backtrace(collect_frame, &state);
-    if (state.count == 0 && !state.started) {
+    // The fast walk serves plain frames from its rule table; a frame it does
+    // not handle sends the whole capture to the runtime's unwinder.
+    unsigned count = 0;
+    if (vrk_host::walk_stack(frames, max_frames, caller, &count) == vrk_host::walk_result::done) {
+        if (count != 0 || caller == nullptr)
+            return count;
         // `caller` was not on the stack: record from the top instead.
-        state = capture_state{frames, max_frames, 0, nullptr, true, 0};
-        _Unwind_Backtrace(collect_frame, &state);
+        if (vrk_host::walk_stack(frames, max_frames, nullptr, &count) ==
+            vrk_host::walk_result::done)
+            return count;
     }
-    return state.count;
+    return unwinder_capture(frames, max_frames, caller);
 }
 
 // One frame a line, numbered:

@@ -141,9 +141,10 @@ void exception_data::clear_done() volatile noexcept {
 
 // ---------------------------------------------------------------------------
 // The shared word. Every update reads the word, computes the new value and
-// compare-and-swaps; after a failure it goes on from the value found. Where
-// only the swap decides, a lock-free peek is the first guess; where the value
-// read decides the outcome, the read takes the slot lock.
+// compare-and-swaps; after a failure it goes on from the value found. The
+// count changes do all three under one hold of the slot lock; where the value
+// read decides whether to swap at all, the read takes the slot lock; where
+// only the swap decides, a lock-free peek is the first guess.
 
 namespace {
 inline uint64_t ptr_word(const volatile exception_data* p) {
@@ -151,19 +152,16 @@ inline uint64_t ptr_word(const volatile exception_data* p) {
 }
 } // namespace
 
+// The count changes read the word and write the new counter under one hold
+// of the slot lock: a compare-and-swap that cannot fail, so two threads
+// copying one exception never retry.
 void exception_data::increment() volatile noexcept {
-    atomic_dword_t old = pc_.peek();
-    atomic_dword_t prev;
-    while (!pc_.cas(old, atomic_dword_t{old.lo, old.hi + 1}, prev))
-        old = prev;
+    pc_.add_count(1);
     clear_done();
 }
 
 bool exception_data::decrement() volatile noexcept {
-    atomic_dword_t old = pc_.peek();
-    atomic_dword_t prev;
-    while (!pc_.cas(old, atomic_dword_t{old.lo, old.hi - 1}, prev))
-        old = prev;
+    const atomic_dword_t old = pc_.add_count(~uint64_t{0});
     return old.lo == 0 && old.hi - 1 == 0;
 }
 

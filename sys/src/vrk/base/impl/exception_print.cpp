@@ -1,10 +1,14 @@
 // Printing an exception: the long and short forms of the whole chain, the
 // throw-location section, and the message texts built from them.
+#include <cstring>
 #include <utility>
 
 #include "vrk/base/impl/bad_alloc_text.hpp"
 #include "vrk/exception.hpp"
+#include "vrk/ext/itoa.hpp"
 #include "vrk/iomanip.hpp"
+#include "vrk/base/num_put.hpp"
+#include "vrk/locale.hpp"
 #include "vrk/ostream.hpp"
 #include "vrk/sstream.hpp"
 
@@ -12,8 +16,73 @@ namespace vrk {
 
 // ---------------------------------------------------------------------------
 // Prefixes
+//
+// A prefix is a dozen small insertions. When the stream would render them
+// exactly as plain text (good, no pending width, no tie, no unit buffering,
+// the classic number facet in decimal without showpos or left adjustment),
+// they are put together here and written in one piece; otherwise every
+// piece goes through its own insertion.
+
+namespace {
+
+bool plain_stream(ostream& os) {
+    const ios_base::fmtflags f = os.flags();
+    const ios_base::fmtflags base = f & ios_base::basefield;
+    return os.good() && os.width() == 0 && os.tie() == nullptr && base != ios_base::hex &&
+           base != ios_base::oct && (f & (ios_base::showpos | ios_base::unitbuf)) == 0 &&
+           (f & ios_base::adjustfield) != ios_base::left &&
+           static_cast<const locale::facet*>(os.num_put_facet()) ==
+               locale::classic().getFacet_(locale::NUM_PUT_ID);
+}
+
+// A prefix under construction: numbers take at most 21 characters, file
+// names are added only when they fit.
+struct prefix_text {
+    static constexpr size_t SIZE = 256;
+    char buf[SIZE];
+    size_t n = 0;
+
+    void add(const char* s, size_t len) {
+        std::memcpy(buf + n, s, len);
+        n += len;
+    }
+    template <size_t N> void add(const char (&s)[N]) { add(s, N - 1); }
+    void add(char c) { buf[n++] = c; }
+    template <class T> void add_number(T v) {
+        // The count includes the terminator, which the next piece overwrites.
+        n += impl::write_integer<T>(v, buf + n, impl::FmtFlags_dec, 0) - 1;
+    }
+};
+
+} // namespace
 
 void Impl::LongPrefix::print(ostream& os, message_iterator itr, int idx) const {
+    if (plain_stream(os)) {
+        prefix_text t;
+        t.add("exception");
+        char digits[24];
+        const size_t len = impl::write_integer<long>(idx, digits, impl::FmtFlags_dec, 0) - 1;
+        for (size_t i = len; i < 3; ++i)
+            t.add(os.fill());
+        t.add(digits, len);
+        t.add(": no.");
+        t.add_number(itr->error_no());
+        t.add("  (");
+        const char* file = itr->file().get();
+        const size_t file_len = file != nullptr ? std::strlen(file) : 0;
+        if (file_len > prefix_text::SIZE - 64) {
+            os.write(t.buf, static_cast<streamsize>(t.n));
+            itr->file().print(os);
+            t.n = 0;
+        } else {
+            t.add(file, file_len);
+        }
+        t.add(':');
+        t.add_number(itr->line());
+        t.add(")\n    ");
+        os.write(t.buf, static_cast<streamsize>(t.n));
+        return;
+    }
     os << "exception" << setw(3) << static_cast<long>(idx) << ": no." << itr->error_no() << "  (";
     itr->file().print(os);
     os << ':' << itr->line() << ')' << '\n';
@@ -21,6 +90,14 @@ void Impl::LongPrefix::print(ostream& os, message_iterator itr, int idx) const {
 }
 
 void Impl::ShortPrefix::print(ostream& os, message_iterator itr, int) const {
+    if (plain_stream(os)) {
+        prefix_text t;
+        t.add("exception ");
+        t.add_number(itr->error_no());
+        t.add(": ");
+        os.write(t.buf, static_cast<streamsize>(t.n));
+        return;
+    }
     os << "exception " << itr->error_no() << ':' << ' ';
 }
 
@@ -109,10 +186,9 @@ int exception::stack_trace(void*** p_st) const noexcept {
 }
 
 void exception::print_stack(ostream& os) const {
-    static constexpr const char* NONE = "NO exception throw location recorded. ";
     const exception_data* d = block_();
     if (d == nullptr) {
-        os << NONE << "Allocation of exp.data failed.";
+        os << "NO exception throw location recorded. Allocation of exp.data failed.";
         endl(os);
         return;
     }
@@ -130,16 +206,16 @@ void exception::print_stack(ostream& os) const {
     }
     switch (const int code = d->node_.bad_alloc_) {
     case exception_node::STACK_SUPPRESS:
-        os << NONE << "Stack generation suppressed.";
+        os << "NO exception throw location recorded. Stack generation suppressed.";
         break;
     case exception_node::STACK_ERROR:
-        os << NONE << "Stack generation system error.";
+        os << "NO exception throw location recorded. Stack generation system error.";
         break;
     case exception_node::STACK_FAILED:
-        os << NONE << "Allocation of stack data failed.";
+        os << "NO exception throw location recorded. Allocation of stack data failed.";
         break;
     default:
-        os << NONE << "Bad alloc.code: " << code;
+        os << "NO exception throw location recorded. Bad alloc.code: " << code;
         break;
     }
     endl(os);

@@ -1,0 +1,558 @@
+// The default host's fast stack walk: call-frame information read once per
+// return address, kept in a fixed table of packed rules.
+#include "vrk/host/frame_walk.hpp"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// The runtime's lookup of the frame description entry that covers `pc`
+// (exported by the unwinder, declared only in its private headers). It finds
+// the loaded object through the dynamic linker's lock-free lookup.
+struct dwarf_eh_bases {
+    void* tbase;
+    void* dbase;
+    void* func;
+};
+extern "C" const void* _Unwind_Find_FDE(void* pc, dwarf_eh_bases* bases);
+
+namespace vrk_host {
+
+namespace {
+
+#if defined(__x86_64__)
+
+// DWARF register numbers of x86-64.
+constexpr unsigned REG_RBP = 6;
+constexpr unsigned REG_RSP = 7;
+constexpr unsigned REG_RA = 16;
+
+// What one frame needs: CFA = (rbp or rsp) + cfa_off; return address at
+// CFA + ra_off; the caller's rbp at CFA + rbp_off when rbp_saved.
+struct frame_rule {
+    bool cfa_rbp = false;
+    int64_t cfa_off = 0;
+    bool rbp_saved = false;
+    int64_t rbp_off = 0;
+    int64_t ra_off = 0;
+    bool ra_undefined = false; // the outermost frame (e.g. _start)
+};
+
+// --- the rule table ----------------------------------------------------------
+//
+// One 64-bit word per entry, indexed by the low 14 bits of the address and
+// holding its remaining 33 bits (user addresses are below 2^47), so a word is either wholly one address's rule
+// or wholly another's: relaxed loads and stores are enough, and two threads
+// filling the same entry only overwrite each other. Packed rule (29 bits):
+// bit 0 cfa_rbp, bits 1-15 cfa_off, bit 16 rbp_saved, bits 17-28 the
+// distance of the saved rbp below the CFA; cfa_off 0x7fff marks the
+// outermost frame (return address undefined). Only rules with the return
+// address at CFA - 8 are kept; others are computed on every walk.
+
+// 16384 entries (128 KiB, touched only where used): return addresses that
+// share an entry evict each other, which costs a new reading, never a wrong
+// rule.
+constexpr unsigned TABLE_BITS = 14;
+constexpr uint64_t TABLE_SIZE = uint64_t{1} << TABLE_BITS;
+constexpr unsigned RULE_BITS = 29;
+constexpr uint64_t RULE_MASK = (uint64_t{1} << RULE_BITS) - 1;
+
+std::atomic<uint64_t> g_rules[TABLE_SIZE];
+
+constexpr int64_t OUTERMOST = 0x7fff;
+
+bool pack(const frame_rule& r, uint64_t* word) {
+    if (r.ra_undefined) {
+        *word = static_cast<uint64_t>(OUTERMOST) << 1;
+        return true;
+    }
+    if (r.ra_off != -8 || r.cfa_off < 0 || r.cfa_off >= OUTERMOST)
+        return false;
+    uint64_t bits = (r.cfa_rbp ? 1u : 0u) | (static_cast<uint64_t>(r.cfa_off) << 1);
+    if (r.rbp_saved) {
+        if (r.rbp_off >= 0 || -r.rbp_off >= (1 << 12))
+            return false;
+        bits |= (uint64_t{1} << 16) | (static_cast<uint64_t>(-r.rbp_off) << 17);
+    }
+    *word = bits;
+    return true;
+}
+
+void unpack(uint64_t bits, frame_rule* r) {
+    r->cfa_rbp = (bits & 1) != 0;
+    r->cfa_off = static_cast<int64_t>((bits >> 1) & 0x7fff);
+    r->rbp_saved = ((bits >> 16) & 1) != 0;
+    r->rbp_off = -static_cast<int64_t>((bits >> 17) & 0xfff);
+    r->ra_off = -8;
+    r->ra_undefined = r->cfa_off == OUTERMOST;
+}
+
+bool cached(uintptr_t pc, frame_rule* r) {
+    const uint64_t word = g_rules[pc & (TABLE_SIZE - 1)].load(std::memory_order_relaxed);
+    if (word == 0 || (word >> RULE_BITS) != (pc >> TABLE_BITS))
+        return false;
+    unpack(word & RULE_MASK, r);
+    return true;
+}
+
+void remember(uintptr_t pc, const frame_rule& r) {
+    // Addresses above 2^47 (never user code on x86-64) do not fit the key.
+    static_assert(47 - TABLE_BITS + RULE_BITS <= 64, "key and rule share one word");
+    uint64_t bits;
+    if ((pc >> 47) != 0 || !pack(r, &bits))
+        return;
+    g_rules[pc & (TABLE_SIZE - 1)].store(((pc >> TABLE_BITS) << RULE_BITS) | bits,
+                                         std::memory_order_relaxed);
+}
+
+// --- reading the call-frame information --------------------------------------
+
+struct reader {
+    const uint8_t* p;
+    const uint8_t* end;
+    bool ok = true;
+
+    uint8_t byte() {
+        if (p >= end) {
+            ok = false;
+            return 0;
+        }
+        return *p++;
+    }
+    uint64_t uleb() {
+        uint64_t v = 0;
+        for (unsigned shift = 0; shift < 64; shift += 7) {
+            const uint8_t b = byte();
+            v |= static_cast<uint64_t>(b & 0x7f) << shift;
+            if ((b & 0x80) == 0)
+                return v;
+        }
+        ok = false;
+        return 0;
+    }
+    int64_t sleb() {
+        int64_t v = 0;
+        unsigned shift = 0;
+        uint8_t b;
+        do {
+            b = byte();
+            if (shift < 64)
+                v |= static_cast<int64_t>(static_cast<uint64_t>(b & 0x7f) << shift);
+            shift += 7;
+        } while ((b & 0x80) != 0 && ok);
+        if (shift < 64 && (b & 0x40) != 0)
+            v |= -(int64_t{1} << shift);
+        return v;
+    }
+    void skip(size_t n) {
+        if (static_cast<size_t>(end - p) < n) {
+            ok = false;
+            return;
+        }
+        p += n;
+    }
+    uint32_t u32() {
+        uint32_t v = 0;
+        for (int i = 0; i < 4; ++i)
+            v |= static_cast<uint32_t>(byte()) << (8 * i);
+        return v;
+    }
+    // Skips one pointer of the given encoding (DW_EH_PE_*); false for the
+    // forms a plain frame description does not use.
+    bool skip_encoded(uint8_t enc) {
+        if (enc == 0xff) // omitted
+            return true;
+        if ((enc & 0x70) == 0x50) // aligned
+            return false;
+        switch (enc & 0x0f) {
+        case 0x00:
+            skip(8);
+            break; // absptr
+        case 0x01:
+            uleb();
+            break; // uleb128
+        case 0x02:
+        case 0x0a:
+            skip(2);
+            break;
+        case 0x03:
+        case 0x0b:
+            skip(4);
+            break;
+        case 0x04:
+        case 0x0c:
+            skip(8);
+            break;
+        case 0x09:
+            sleb();
+            break; // sleb128
+        default:
+            return false;
+        }
+        return ok;
+    }
+};
+
+// The state of the CFA program that matters for a walk.
+struct cfa_state {
+    unsigned cfa_reg = REG_RSP;
+    int64_t cfa_off = 0;
+    bool cfa_expr = false;
+    // Rules of rbp and the return address: 0 unchanged, 1 at CFA + off,
+    // 2 undefined, 3 anything else (register, expression).
+    int rbp_how = 0;
+    int64_t rbp_off = 0;
+    int ra_how = 0;
+    int64_t ra_off = 0;
+};
+
+struct cie_info {
+    uint64_t code_align = 1;
+    int64_t data_align = 1;
+    unsigned ra_reg = REG_RA;
+    uint8_t fde_enc = 0;
+    bool has_z = false;
+    const uint8_t* insns = nullptr;
+    const uint8_t* end = nullptr;
+};
+
+uint32_t load32(const uint8_t* p) {
+    uint32_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+bool parse_cie(const uint8_t* cie, cie_info* info) {
+    const uint32_t len = load32(cie);
+    if (len == 0 || len == 0xffffffffu)
+        return false;
+    reader r{cie + 4, cie + 4 + len};
+    if (r.u32() != 0) // CIE id
+        return false;
+    const uint8_t version = r.byte();
+    if (version != 1 && version != 3)
+        return false;
+    const char* aug = reinterpret_cast<const char*>(r.p);
+    while (r.ok && r.byte() != 0) {
+    }
+    info->code_align = r.uleb();
+    info->data_align = r.sleb();
+    info->ra_reg = version == 1 ? r.byte() : static_cast<unsigned>(r.uleb());
+    const uint8_t* aug_end = nullptr;
+    if (aug[0] == 'z') {
+        info->has_z = true;
+        const uint64_t n = r.uleb();
+        aug_end = r.p + n;
+        for (const char* a = aug + 1; *a != 0 && r.ok; ++a) {
+            switch (*a) {
+            case 'R':
+                info->fde_enc = r.byte();
+                break;
+            case 'P': {
+                const uint8_t enc = r.byte();
+                if (!r.skip_encoded(enc))
+                    return false;
+                break;
+            }
+            case 'L':
+                r.byte();
+                break;
+            default: // 'S' (signal frames) and anything unknown
+                return false;
+            }
+        }
+        if (!r.ok || aug_end > r.end)
+            return false;
+        r.p = aug_end;
+    } else if (aug[0] != 0) {
+        return false;
+    }
+    info->insns = r.p;
+    info->end = r.end;
+    return r.ok && info->ra_reg == REG_RA;
+}
+
+// Runs a CFA program until the row that covers `pc`. `initial` is the state
+// after the CIE's instructions (for DW_CFA_restore); null while running them.
+bool run_program(const uint8_t* insns, const uint8_t* end, const cie_info& cie, uintptr_t loc,
+                 uintptr_t pc, cfa_state* s, const cfa_state* initial) {
+    constexpr int MAX_REMEMBERED = 8;
+    cfa_state remembered[MAX_REMEMBERED];
+    int depth = 0;
+    reader r{insns, end};
+    auto set_offset = [&](unsigned reg, int64_t off) {
+        if (reg == REG_RBP) {
+            s->rbp_how = 1;
+            s->rbp_off = off;
+        } else if (reg == REG_RA) {
+            s->ra_how = 1;
+            s->ra_off = off;
+        }
+    };
+    auto set_other = [&](unsigned reg, int how) {
+        if (reg == REG_RBP)
+            s->rbp_how = how;
+        else if (reg == REG_RA)
+            s->ra_how = how;
+    };
+    auto restore = [&](unsigned reg) {
+        if (initial == nullptr)
+            return false;
+        if (reg == REG_RBP) {
+            s->rbp_how = initial->rbp_how;
+            s->rbp_off = initial->rbp_off;
+        } else if (reg == REG_RA) {
+            s->ra_how = initial->ra_how;
+            s->ra_off = initial->ra_off;
+        }
+        return true;
+    };
+    while (r.p < r.end && r.ok) {
+        const uint8_t op = r.byte();
+        const uint8_t low = op & 0x3f;
+        switch (op >> 6) {
+        case 1: // advance_loc
+            loc += low * cie.code_align;
+            if (loc > pc)
+                return true;
+            continue;
+        case 2: // offset
+            set_offset(low, static_cast<int64_t>(r.uleb()) * cie.data_align);
+            continue;
+        case 3: // restore
+            if (!restore(low))
+                return false;
+            continue;
+        default:
+            break;
+        }
+        switch (op) {
+        case 0x00: // nop
+            break;
+        case 0x02:
+        case 0x03:
+        case 0x04: { // advance_loc1/2/4
+            uint64_t delta = r.byte();
+            if (op >= 0x03)
+                delta |= static_cast<uint64_t>(r.byte()) << 8;
+            if (op == 0x04) {
+                delta |= static_cast<uint64_t>(r.byte()) << 16;
+                delta |= static_cast<uint64_t>(r.byte()) << 24;
+            }
+            loc += delta * cie.code_align;
+            if (loc > pc)
+                return r.ok;
+            break;
+        }
+        case 0x05: { // offset_extended
+            const unsigned reg = static_cast<unsigned>(r.uleb());
+            set_offset(reg, static_cast<int64_t>(r.uleb()) * cie.data_align);
+            break;
+        }
+        case 0x06: // restore_extended
+            if (!restore(static_cast<unsigned>(r.uleb())))
+                return false;
+            break;
+        case 0x07: // undefined
+            set_other(static_cast<unsigned>(r.uleb()), 2);
+            break;
+        case 0x08: // same_value
+            set_other(static_cast<unsigned>(r.uleb()), 0);
+            break;
+        case 0x09: { // register
+            set_other(static_cast<unsigned>(r.uleb()), 3);
+            r.uleb();
+            break;
+        }
+        case 0x0a: // remember_state
+            if (depth == MAX_REMEMBERED)
+                return false;
+            remembered[depth++] = *s;
+            break;
+        case 0x0b: // restore_state
+            if (depth == 0)
+                return false;
+            *s = remembered[--depth];
+            break;
+        case 0x0c: // def_cfa
+            s->cfa_reg = static_cast<unsigned>(r.uleb());
+            s->cfa_off = static_cast<int64_t>(r.uleb());
+            s->cfa_expr = false;
+            break;
+        case 0x0d: // def_cfa_register
+            s->cfa_reg = static_cast<unsigned>(r.uleb());
+            s->cfa_expr = false;
+            break;
+        case 0x0e: // def_cfa_offset
+            s->cfa_off = static_cast<int64_t>(r.uleb());
+            break;
+        case 0x0f: // def_cfa_expression
+            s->cfa_expr = true;
+            r.skip(r.uleb());
+            break;
+        case 0x10:
+        case 0x16: { // expression, val_expression
+            set_other(static_cast<unsigned>(r.uleb()), 3);
+            r.skip(r.uleb());
+            break;
+        }
+        case 0x11: { // offset_extended_sf
+            const unsigned reg = static_cast<unsigned>(r.uleb());
+            set_offset(reg, r.sleb() * cie.data_align);
+            break;
+        }
+        case 0x12: // def_cfa_sf
+            s->cfa_reg = static_cast<unsigned>(r.uleb());
+            s->cfa_off = r.sleb() * cie.data_align;
+            s->cfa_expr = false;
+            break;
+        case 0x13: // def_cfa_offset_sf
+            s->cfa_off = r.sleb() * cie.data_align;
+            break;
+        case 0x14:
+        case 0x15: { // val_offset, val_offset_sf
+            set_other(static_cast<unsigned>(r.uleb()), 3);
+            if (op == 0x14)
+                r.uleb();
+            else
+                r.sleb();
+            break;
+        }
+        case 0x2e: // GNU_args_size
+            r.uleb();
+            break;
+        case 0x2f: { // GNU_negative_offset_extended
+            const unsigned reg = static_cast<unsigned>(r.uleb());
+            set_offset(reg, -static_cast<int64_t>(r.uleb()) * cie.data_align);
+            break;
+        }
+        default: // set_loc and anything unknown
+            return false;
+        }
+    }
+    return r.ok;
+}
+
+enum class lookup { found, no_fde, unsupported };
+
+// The rule of the frame whose code is at `pc` (for a return address, the
+// address of the call instruction's last byte).
+lookup find_rule(uintptr_t pc, frame_rule* rule) {
+    if (cached(pc, rule))
+        return lookup::found;
+    dwarf_eh_bases bases{};
+    const auto* fde =
+        static_cast<const uint8_t*>(_Unwind_Find_FDE(reinterpret_cast<void*>(pc), &bases));
+    if (fde == nullptr)
+        return lookup::no_fde;
+    const uint32_t len = load32(fde);
+    if (len == 0 || len == 0xffffffffu)
+        return lookup::unsupported;
+    const uint32_t cie_delta = load32(fde + 4);
+    cie_info cie;
+    if (!parse_cie(fde + 4 - cie_delta, &cie))
+        return lookup::unsupported;
+    reader r{fde + 8, fde + 4 + len};
+    // The start of the function comes from the lookup; its encoded form and
+    // the range only need skipping.
+    if (!r.skip_encoded(cie.fde_enc) || !r.skip_encoded(cie.fde_enc & 0x0f))
+        return lookup::unsupported;
+    if (cie.has_z)
+        r.skip(r.uleb());
+    if (!r.ok)
+        return lookup::unsupported;
+    const uintptr_t start = reinterpret_cast<uintptr_t>(bases.func);
+    cfa_state s;
+    if (!run_program(cie.insns, cie.end, cie, start, pc, &s, nullptr))
+        return lookup::unsupported;
+    const cfa_state initial = s;
+    if (!run_program(r.p, r.end, cie, start, pc, &s, &initial))
+        return lookup::unsupported;
+    if (s.cfa_expr || (s.cfa_reg != REG_RSP && s.cfa_reg != REG_RBP) || s.rbp_how == 2 ||
+        s.rbp_how == 3 || s.ra_how == 0 || s.ra_how == 3)
+        return lookup::unsupported;
+    rule->cfa_rbp = s.cfa_reg == REG_RBP;
+    rule->cfa_off = s.cfa_off;
+    rule->rbp_saved = s.rbp_how == 1;
+    rule->rbp_off = s.rbp_off;
+    rule->ra_undefined = s.ra_how == 2;
+    rule->ra_off = s.ra_off;
+    remember(pc, *rule);
+    return lookup::found;
+}
+
+// Frames larger than this are taken for a broken rule.
+constexpr uintptr_t MAX_FRAME = uintptr_t{1} << 20;
+
+#endif // __x86_64__
+
+} // namespace
+
+// Not instrumented by the address sanitizer: it reads the saved words of
+// other frames, as the runtime's unwinder does.
+__attribute__((noinline, no_sanitize_address)) walk_result
+walk_stack(void** frames, unsigned max_frames, const void* caller, unsigned* count) noexcept {
+    *count = 0;
+#if defined(__x86_64__)
+    uintptr_t pc;
+    uintptr_t sp;
+    uintptr_t bp;
+    // The three registers at one instruction of this function: the rule found
+    // for `pc` describes exactly this stack pointer.
+    asm volatile("leaq 0(%%rip), %0\n\t"
+                 "movq %%rsp, %1\n\t"
+                 "movq %%rbp, %2"
+                 : "=r"(pc), "=r"(sp), "=r"(bp));
+    bool started = caller == nullptr;
+    unsigned skipped = 0;
+    unsigned n = 0;
+    for (bool first = true; n < max_frames; first = false) {
+        frame_rule rule;
+        // A return address lies behind its call: the call's own row is the
+        // one that describes the frame.
+        switch (find_rule(first ? pc : pc - 1, &rule)) {
+        case lookup::found:
+            break;
+        case lookup::no_fde:
+            // Code without unwind information ends the stack, as it does for
+            // the runtime's unwinder; this function's own frame always has it.
+            if (first)
+                return walk_result::give_up;
+            *count = n;
+            return walk_result::done;
+        case lookup::unsupported:
+            return walk_result::give_up;
+        }
+        if (rule.ra_undefined)
+            break;
+        const uintptr_t cfa = (rule.cfa_rbp ? bp : sp) + static_cast<uintptr_t>(rule.cfa_off);
+        if (cfa <= sp || cfa - sp > MAX_FRAME)
+            return walk_result::give_up;
+        if (rule.rbp_saved)
+            bp = *reinterpret_cast<const uintptr_t*>(cfa + static_cast<uintptr_t>(rule.rbp_off));
+        pc = *reinterpret_cast<const uintptr_t*>(cfa + static_cast<uintptr_t>(rule.ra_off));
+        sp = cfa;
+        if (pc == 0)
+            break;
+        if (!started) {
+            if (reinterpret_cast<const void*>(pc) != caller) {
+                if (++skipped > 256)
+                    break;
+                continue;
+            }
+            started = true;
+        }
+        frames[n++] = reinterpret_cast<void*>(pc);
+    }
+    *count = n;
+    return walk_result::done;
+#else
+    (void)frames;
+    (void)max_frames;
+    (void)caller;
+    return walk_result::give_up;
+#endif
+}
+
+} // namespace vrk_host
