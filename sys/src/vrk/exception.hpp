@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "vrk/auto_ptr.hpp"
 #include "vrk/base/faultprot_cstring.hpp"
 #include "vrk/base/impl/exception_data.hpp"
 #include "vrk/error_registry.hpp"
@@ -152,6 +153,39 @@ public:
     // Read-only view of the shared block, null without one; for diagnostics
     // and tests.
     const volatile exception_data* data() const noexcept { return p_fst_; }
+
+    // --- Serialization ------------------------------------------------------
+    // A serialized exception is a type header (the type word, then what the
+    // class's store_type writes) followed by the body: big-endian u32 words,
+    // node records, one stack text per exception of the chain.
+public:
+    // Upper bits of every type word; the type number is the lower 16 bits.
+    static constexpr uint32_t TYPE_MARK = 0xFACE0000u;
+    // The class-specific part of the base class's header.
+    static constexpr uint32_t DEFAULT_TYPE_CHECK = 0xFACADE01u;
+    // Longest file name, message or stack text the reader accepts (16 MiB);
+    // longer lengths are taken as hostile and rejected before allocating.
+    static constexpr uint32_t MAX_WIRE_TEXT = 16u << 20;
+
+    // Writes the type header and the body of this exception and its chain;
+    // marks every block processed. Does not flush or check the stream.
+    void serialize(ostream& out, bool suppress_stack) const;
+    // Reads one serialized exception; the object comes from `alloc`, its
+    // blocks from the default allocator. Bad input raises runtime_error and
+    // hands out nothing.
+    static auto_ptr<exception, default_deleter> deserialize(istream& inp, allocator& alloc);
+
+protected:
+    static void write_int(ostream& out, uint32_t value);
+    // A short read yields zeros for the missing bytes.
+    static uint32_t read_int(istream& inp);
+
+private:
+    static auto_ptr<exception, default_deleter> default_creator(istream& inp, allocator& alloc);
+    void deflate(ostream& out, bool suppress_stack) const;
+    void inflate(istream& inp);
+    void inflate_badalloc_(istream& inp, const void* caller);
+    // --- end of serialization -----------------------------------------------
 
 protected:
     exception(const char* fname, int line, int err_no, const char* msg, const void* caller) noexcept;

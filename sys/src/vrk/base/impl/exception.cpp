@@ -203,8 +203,6 @@ bool exception::operator==(const exception& other) const noexcept {
     return p_fst_ != nullptr && p_fst_ == other.p_fst_;
 }
 
-void exception::store_type(ostream&) const {}
-
 message_iterator exception::begin() const noexcept {
     if (p_fst_ == nullptr)
         return end();

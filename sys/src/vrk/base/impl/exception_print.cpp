@@ -43,6 +43,8 @@ struct prefix_text {
     size_t n = 0;
 
     void add(const char* s, size_t len) {
+        if (len == 0)
+            return; // `s` may be null: a node read back without a file name
         std::memcpy(buf + n, s, len);
         n += len;
     }

@@ -1,0 +1,110 @@
+// vrkexc: decodes serialized vrk exceptions, makes test input, and shows the
+// exception facility at work.
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <unistd.h>
+
+#include "fd_streambuf.hpp"
+#include "tool.hpp"
+#include "vrk/istream.hpp"
+
+namespace vrkexc {
+
+namespace {
+
+class heap_allocator final : public vrk::allocator {
+public:
+    void* allocateNoThrow(size_t n, const void*) noexcept override { return std::malloc(n); }
+    void* allocate(size_t n, const void*) override { return allocate(n); }
+    void* allocate(size_t n) override {
+        if (void* p = std::malloc(n))
+            return p;
+        throw std::bad_alloc();
+    }
+    void deallocate(void* p) noexcept override { std::free(p); }
+};
+
+const char* const USAGE =
+    "usage: vrkexc COMMAND [OPTIONS]\n"
+    "\n"
+    "Commands:\n"
+    "  decode [--short] [--no-stack] [FILE|-]\n"
+    "      Print serialized exceptions (raw bytes or hexadecimal text).\n"
+    "  encode [--hex] [--no-stack] [-o FILE] MESSAGE-OPTIONS...\n"
+    "      Build an exception from the command line and write its bytes.\n"
+    "  demo\n"
+    "      Throw, print, serialize and decode a chained exception.\n"
+    "\n"
+    "'vrkexc COMMAND --help' describes a command.\n";
+
+} // namespace
+
+vrk::allocator& tool_allocator() noexcept {
+    static heap_allocator heap;
+    return heap;
+}
+
+vrk::ostream& out() {
+    static fd_streambuf buf(1);
+    static vrk::ostream os(&buf);
+    return os;
+}
+
+vrk::ostream& err() {
+    static fd_streambuf buf(2);
+    static vrk::ostream os(&buf);
+    return os;
+}
+
+bool read_input(const char* path, vrk::string& data) {
+    const bool stdin_input = path == nullptr || std::strcmp(path, "-") == 0;
+    const int fd = stdin_input ? 0 : ::open(path, O_RDONLY);
+    if (fd < 0) {
+        out().flush();
+        err() << "vrkexc: cannot open " << path << ": " << std::strerror(errno) << "\n";
+        err().flush();
+        return false;
+    }
+    fd_streambuf buf(fd);
+    vrk::istream in(&buf);
+    char chunk[4096];
+    for (;;) {
+        in.read(chunk, sizeof chunk);
+        if (in.gcount() <= 0)
+            break;
+        data.append(chunk, static_cast<size_t>(in.gcount()));
+    }
+    if (!stdin_input)
+        ::close(fd);
+    return true;
+}
+
+} // namespace vrkexc
+
+int main(int argc, char** argv) {
+    using namespace vrkexc;
+    int status = EXIT_USAGE;
+    if (argc < 2) {
+        err() << USAGE;
+    } else if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0 ||
+               std::strcmp(argv[1], "help") == 0) {
+        out() << USAGE;
+        status = 0;
+    } else if (std::strcmp(argv[1], "decode") == 0) {
+        status = cmd_decode(argc - 1, argv + 1);
+    } else if (std::strcmp(argv[1], "encode") == 0) {
+        status = cmd_encode(argc - 1, argv + 1);
+    } else if (std::strcmp(argv[1], "demo") == 0) {
+        status = cmd_demo(argc - 1, argv + 1);
+    } else {
+        err() << "vrkexc: unknown command '" << argv[1] << "'\n" << USAGE;
+    }
+    out().flush();
+    err().flush();
+    if (!out().good() && status == 0)
+        status = EXIT_BAD_INPUT;
+    return status;
+}
