@@ -6,7 +6,9 @@
 // Allocation sites reached: the data block and the stack buffer (creation),
 // an appended node (append_message), a message parameter (every typed
 // argument, an exception argument included), the string storage (string and
-// string stream growth, what(alloc, ...), printing).
+// string stream growth, what(alloc, ...), printing, the serializer's scratch
+// text), and the reader's object, blocks, nodes, file names and stack texts
+// (deserialize).
 #include <new>
 #include <string>
 #include <vector>
@@ -407,6 +409,80 @@ TEST_F(FaultSweepArgs, ALostParameterOrMessageClosesTheListWithItsNote) {
         EXPECT_EQ(short_form(e), expected);
     });
     nested.mark_processed();
+}
+
+// Serialization: the writer's scratch text comes from the default allocator,
+// the reader's blocks too. Only those fail here; the byte streams and the
+// reference texts live on allocators of their own.
+std::string bytes_of(const exception& e, vrk::allocator& out) {
+    vrk::osstream os(out);
+    e.serialize(os, false);
+    vrk::string s = os.str();
+    return std::string(s.data(), s.size());
+}
+
+// Error number, line and text of every node along the chain.
+struct wire_node {
+    int err;
+    int line;
+    std::string text;
+};
+std::vector<wire_node> nodes_of(const exception& head) {
+    std::vector<wire_node> nodes;
+    for (exception x = head; x.data() != nullptr; x = x.get_next())
+        for (const exception_node& n : x)
+            nodes.push_back({n.error_no(), n.line(), n.message()});
+    return nodes;
+}
+
+TEST_F(FaultSweepText, SerializingWithAFailingScratchStillWritesWellFormedBytes) {
+    vrk_test::test_allocator out;
+    const std::string full = bytes_of(*source_, out);
+    auto read = [&](const std::string& b) {
+        vrk::isstream is(b.data(), b.size(), out);
+        auto p = exception::deserialize(is, out);
+        p->mark_processed();
+        return nodes_of(*p);
+    };
+    const std::vector<wire_node> whole = read(full);
+    fault_sweep("serialize", [&](const fault_point& fp) {
+        const std::string b = bytes_of(*source_, out);
+        // Read back on a healthy allocator: every record is there, with its
+        // text cut to a prefix where the scratch could not grow.
+        vrk_test::set_default_allocator(&out);
+        const std::vector<wire_node> got = read(b);
+        vrk_test::set_default_allocator(&fp.alloc);
+        ASSERT_EQ(got.size(), whole.size());
+        for (size_t i = 0; i < got.size(); ++i) {
+            EXPECT_EQ(got[i].err, whole[i].err);
+            EXPECT_EQ(got[i].line, whole[i].line);
+            EXPECT_TRUE(is_prefix(got[i].text, whole[i].text)) << i;
+        }
+        EXPECT_EQ(b == full, !fp.any_failed());
+        EXPECT_TRUE(source_->data()->done());
+    });
+}
+
+TEST_F(FaultSweepText, DeserializingOnAFailingAllocatorRaisesItsErrorAndKeepsNothing) {
+    vrk_test::test_allocator out;
+    const std::string full = bytes_of(*source_, out);
+    std::string reference;
+    {
+        vrk::isstream is(full.data(), full.size(), out);
+        auto p = exception::deserialize(is, out);
+        reference = long_form(*p);
+    }
+    fault_sweep("deserialize", [&](const fault_point& fp) {
+        vrk::isstream is(full.data(), full.size(), out);
+        try {
+            auto p = exception::deserialize(is, fp.alloc);
+            EXPECT_FALSE(fp.any_failed()) << "a failed allocation was not passed on";
+            EXPECT_EQ(long_form(*p), reference);
+        } catch (const std::bad_alloc&) {
+            EXPECT_TRUE(fp.any_failed());
+        }
+        EXPECT_EQ(vrk_test::counters().forgotten, 0) << "a half-read exception was reported";
+    });
 }
 
 } // namespace

@@ -1,8 +1,9 @@
 // Many threads sharing blocks: copying and dropping, appending to one chain,
 // racing to append one exception to several chains, walking and printing
-// chains while others append to them or drop their last handles. A counting
-// allocator proves that every block is released exactly once and nothing
-// leaks; walkers must always see a prefix of the final chain.
+// chains while others append to them or drop their last handles, serializing
+// a chain while others append to it. A counting allocator proves that every
+// block is released exactly once and nothing leaks; walkers must always see
+// a prefix of the final chain.
 //
 // Each scenario runs at least VRK_STRESS_ROUNDS rounds (default 20) and goes
 // on until VRK_STRESS_SECONDS (default 1) have passed.
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "support/test_host.hpp"
+#include "vrk/sstream.hpp"
 
 namespace {
 
@@ -284,6 +286,48 @@ TEST_F(ChainStress, TheLastHandleDroppedInAnyThreadReportsEachHeadOnce) {
         EXPECT_LE(std::count(reported.begin(), reported.end(), 6), 1);
         EXPECT_EQ(reported.size(), size_t(vrk_test::counters().forgotten.load()));
         EXPECT_EQ(alloc_.balance(), 0);
+    }
+}
+
+TEST_F(ChainStress, SerializingAChainWhileOthersAppendWritesAPrefix) {
+    for (stress_budget b("serialize_while_appending"); b.next();) {
+        auto* head = new exception("f", 0, code_for(0), exception::CALLER_SUPPRESS_STACK_TRACE);
+        constexpr int APPENDERS = 2, EACH = 4;
+        std::vector<std::vector<int>> reads[THREADS];
+        std::atomic<int> appenders_done{0};
+        run_threads([&](int t) {
+            exception mine(*head);
+            if (t < APPENDERS) {
+                for (int i = 0; i < EACH; ++i) {
+                    exception add("f", i, code_for(100 + t * 10 + i),
+                                  exception::CALLER_SUPPRESS_STACK_TRACE);
+                    mine << add;
+                }
+                appenders_done.fetch_add(1);
+            } else {
+                test_allocator out;
+                bool last = false;
+                while (!last) {
+                    last = appenders_done.load() == APPENDERS;
+                    vrk::osstream os(out);
+                    mine.serialize(os, true);
+                    vrk::string bytes = os.str();
+                    vrk::isstream is(bytes.data(), bytes.size(), out);
+                    auto copy = exception::deserialize(is, out);
+                    reads[t].push_back(walk(*copy));
+                    copy->mark_processed();
+                }
+            }
+            mine.mark_processed();
+        });
+        const std::vector<int> final_order = walk(*head);
+        for (int t = APPENDERS; t < THREADS; ++t) {
+            for (const auto& r : reads[t])
+                EXPECT_TRUE(is_prefix(r, final_order)) << "a serialized chain lost its order";
+            EXPECT_EQ(reads[t].back(), final_order);
+        }
+        head->mark_processed();
+        delete head;
     }
 }
 
