@@ -1,15 +1,24 @@
 // Many threads sharing blocks: copying and dropping, appending to one chain,
-// racing to append one exception to several chains, walking chains while
-// their heads are dropped. A counting allocator proves that every block is
-// released exactly once and nothing leaks. Bounded in rounds; set
-// VRK_STRESS_ROUNDS to run longer.
+// racing to append one exception to several chains, walking and printing
+// chains while others append to them or drop their last handles, serializing
+// a chain while others append to it. A counting allocator proves that every
+// block is released exactly once and nothing leaks; walkers must always see
+// a prefix of the final chain.
+//
+// Each scenario runs at least VRK_STRESS_ROUNDS rounds (default 20) and goes
+// on until VRK_STRESS_SECONDS (default 1) have passed.
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "support/test_host.hpp"
+#include "vrk/sstream.hpp"
 
 namespace {
 
@@ -19,14 +28,58 @@ using vrk_test::test_allocator;
 
 constexpr int THREADS = 4;
 
-int rounds() {
-    const char* env = std::getenv("VRK_STRESS_ROUNDS");
-    return env != nullptr ? std::max(1, std::atoi(env)) : 200;
-}
+// How long one scenario goes on: a number of rounds, then a time.
+class stress_budget {
+public:
+    explicit stress_budget(const char* name) : name_(name) {
+        const char* rounds = std::getenv("VRK_STRESS_ROUNDS");
+        const char* seconds = std::getenv("VRK_STRESS_SECONDS");
+        min_rounds_ = rounds != nullptr ? std::max(1, std::atoi(rounds)) : 20;
+        seconds_ = seconds != nullptr ? std::max(0.0, std::atof(seconds)) : 1.0;
+    }
+    ~stress_budget() {
+        std::printf("[ stress      ] %-34s %6d rounds in %.2f s\n", name_, rounds_, elapsed_());
+        std::fflush(stdout);
+    }
+    // True while another round is due.
+    bool next() {
+        if (rounds_ >= min_rounds_ && elapsed_() >= seconds_)
+            return false;
+        ++rounds_;
+        return true;
+    }
+
+private:
+    double elapsed_() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    }
+    const char* name_;
+    int min_rounds_ = 20;
+    double seconds_ = 1.0;
+    int rounds_ = 0;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
 
 const vrk::error_code CODE{9, "shared", nullptr};
 
 vrk::error_code code_for(int n) { return vrk::error_code{n, "worker", nullptr}; }
+
+const char* const FOUR_WORKERS = "exception 0: worker\n"
+                                 "exception 1: worker\n"
+                                 "exception 2: worker\n"
+                                 "exception 3: worker\n";
+
+// The error numbers along a chain, from `head` on.
+std::vector<int> walk(const exception& head) {
+    std::vector<int> seen;
+    for (exception x = head; x.data() != nullptr; x = x.get_next())
+        seen.push_back(x.error_no());
+    return seen;
+}
+
+bool is_prefix(const std::vector<int>& part, const std::vector<int>& whole) {
+    return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
+}
 
 class ChainStress : public host_fixture {
 protected:
@@ -50,8 +103,8 @@ protected:
 };
 
 TEST_F(ChainStress, CopyAndDropSharedBlocks) {
-    for (int r = 0; r < rounds(); ++r) {
-        auto* source = new exception("f", r, CODE, exception::CALLER_SUPPRESS_STACK_TRACE);
+    for (stress_budget b("copy_and_drop"); b.next();) {
+        auto* source = new exception("f", 1, CODE, exception::CALLER_SUPPRESS_STACK_TRACE);
         source->mark_processed();
         std::atomic<int> ready{0};
         run_threads([&](int) {
@@ -72,7 +125,7 @@ TEST_F(ChainStress, CopyAndDropSharedBlocks) {
 }
 
 TEST_F(ChainStress, ManyThreadsAppendToOneChain) {
-    for (int r = 0; r < rounds(); ++r) {
+    for (stress_budget b("append_to_one_chain"); b.next();) {
         auto* head = new exception("f", 0, CODE, exception::CALLER_SUPPRESS_STACK_TRACE);
         run_threads([&](int t) {
             exception mine(*head);
@@ -96,7 +149,7 @@ TEST_F(ChainStress, ManyThreadsAppendToOneChain) {
 }
 
 TEST_F(ChainStress, OneExceptionAppendedToManyChainsAtOnceLinksOnce) {
-    for (int r = 0; r < rounds(); ++r) {
+    for (stress_budget b("same_exception_to_many_chains"); b.next();) {
         auto* shared = new exception("f", 1, code_for(77), exception::CALLER_SUPPRESS_STACK_TRACE);
         std::atomic<int> winners{0}, done{0};
         run_threads([&](int t) {
@@ -119,7 +172,7 @@ TEST_F(ChainStress, OneExceptionAppendedToManyChainsAtOnceLinksOnce) {
 }
 
 TEST_F(ChainStress, WalkersSeeAPrefixWhileHandlesAreDropped) {
-    for (int r = 0; r < rounds(); ++r) {
+    for (stress_budget b("walk_and_print_while_dropping"); b.next();) {
         auto* head = new exception("f", 0, code_for(0), exception::CALLER_SUPPRESS_STACK_TRACE);
         std::vector<exception*> members;
         for (int i = 1; i <= 3; ++i) {
@@ -141,6 +194,7 @@ TEST_F(ChainStress, WalkersSeeAPrefixWhileHandlesAreDropped) {
                 return;
             }
             exception* mine = walker_heads[static_cast<size_t>(t)];
+            test_allocator out;
             for (int pass = 0; pass < 5; ++pass) {
                 int expected = 0;
                 for (exception x = *mine; x.data() != nullptr; x = x.get_next())
@@ -148,11 +202,132 @@ TEST_F(ChainStress, WalkersSeeAPrefixWhileHandlesAreDropped) {
                         bad_order.fetch_add(1);
                 if (expected != 4)
                     bad_order.fetch_add(1);
+                vrk::string text = mine->what(out, true);
+                if (std::string(text.c_str()) != FOUR_WORKERS)
+                    bad_order.fetch_add(1);
             }
             mine->mark_processed();
             delete mine;
         });
         EXPECT_EQ(bad_order.load(), 0);
+    }
+}
+
+TEST_F(ChainStress, WalkersAndPrintersSeeAPrefixWhileOthersAppend) {
+    for (stress_budget b("walk_and_print_while_appending"); b.next();) {
+        auto* head = new exception("f", 0, code_for(0), exception::CALLER_SUPPRESS_STACK_TRACE);
+        constexpr int APPENDERS = 2, EACH = 4;
+        std::vector<std::vector<int>> walks[THREADS];
+        std::vector<std::string> prints[THREADS];
+        std::atomic<int> appenders_done{0};
+        run_threads([&](int t) {
+            exception mine(*head);
+            if (t < APPENDERS) {
+                for (int i = 0; i < EACH; ++i) {
+                    exception add("f", i, code_for(100 + t * 10 + i),
+                                  exception::CALLER_SUPPRESS_STACK_TRACE);
+                    mine << add;
+                }
+                appenders_done.fetch_add(1);
+            } else {
+                test_allocator out;
+                bool last = false;
+                while (!last) {
+                    last = appenders_done.load() == APPENDERS;
+                    walks[t].push_back(walk(mine));
+                    vrk::string text = mine.what(out, true);
+                    prints[t].emplace_back(text.c_str());
+                }
+            }
+            mine.mark_processed();
+        });
+        const std::vector<int> final_order = walk(*head);
+        ASSERT_EQ(final_order.size(), size_t{1 + APPENDERS * EACH});
+        std::string final_text;
+        {
+            test_allocator out;
+            vrk::string text = head->what(out, true);
+            final_text = text.c_str();
+        }
+        for (int t = APPENDERS; t < THREADS; ++t) {
+            for (const auto& w : walks[t])
+                EXPECT_TRUE(is_prefix(w, final_order)) << "a walker saw another order";
+            for (const auto& p : prints[t])
+                EXPECT_EQ(final_text.compare(0, p.size(), p), 0) << "a printer saw another order";
+            EXPECT_EQ(walks[t].back(), final_order) << "the last walk began after every append";
+        }
+        head->mark_processed();
+        delete head;
+    }
+}
+
+TEST_F(ChainStress, TheLastHandleDroppedInAnyThreadReportsEachHeadOnce) {
+    for (stress_budget b("last_handle_reports_once"); b.next();) {
+        vrk_test::reset_host();
+        vrk_test::set_default_allocator(&alloc_);
+        std::vector<exception*> handles;
+        {
+            exception head("f", 0, code_for(5), exception::CALLER_SUPPRESS_STACK_TRACE);
+            exception tail("f", 1, code_for(6), exception::CALLER_SUPPRESS_STACK_TRACE);
+            head << tail;
+            for (int t = 0; t < THREADS; ++t)
+                handles.push_back(new exception(t % 2 == 0 ? head : tail));
+        } // the threads now hold the only handles; nobody looked at either
+        run_threads([&](int t) {
+            for (int i = 0; i < 10; ++i)
+                exception(*handles[static_cast<size_t>(t)]).error_no();
+            delete handles[static_cast<size_t>(t)];
+        });
+        // The head is reported exactly once. The tail goes silently with the
+        // head, or, when its own handles outlived the head, is reported once
+        // as the head of what is left.
+        const std::vector<int> reported = vrk_test::forgotten_errors();
+        EXPECT_EQ(std::count(reported.begin(), reported.end(), 5), 1);
+        EXPECT_LE(std::count(reported.begin(), reported.end(), 6), 1);
+        EXPECT_EQ(reported.size(), size_t(vrk_test::counters().forgotten.load()));
+        EXPECT_EQ(alloc_.balance(), 0);
+    }
+}
+
+TEST_F(ChainStress, SerializingAChainWhileOthersAppendWritesAPrefix) {
+    for (stress_budget b("serialize_while_appending"); b.next();) {
+        auto* head = new exception("f", 0, code_for(0), exception::CALLER_SUPPRESS_STACK_TRACE);
+        constexpr int APPENDERS = 2, EACH = 4;
+        std::vector<std::vector<int>> reads[THREADS];
+        std::atomic<int> appenders_done{0};
+        run_threads([&](int t) {
+            exception mine(*head);
+            if (t < APPENDERS) {
+                for (int i = 0; i < EACH; ++i) {
+                    exception add("f", i, code_for(100 + t * 10 + i),
+                                  exception::CALLER_SUPPRESS_STACK_TRACE);
+                    mine << add;
+                }
+                appenders_done.fetch_add(1);
+            } else {
+                test_allocator out;
+                bool last = false;
+                while (!last) {
+                    last = appenders_done.load() == APPENDERS;
+                    vrk::osstream os(out);
+                    mine.serialize(os, true);
+                    vrk::string bytes = os.str();
+                    vrk::isstream is(bytes.data(), bytes.size(), out);
+                    auto copy = exception::deserialize(is, out);
+                    reads[t].push_back(walk(*copy));
+                    copy->mark_processed();
+                }
+            }
+            mine.mark_processed();
+        });
+        const std::vector<int> final_order = walk(*head);
+        for (int t = APPENDERS; t < THREADS; ++t) {
+            for (const auto& r : reads[t])
+                EXPECT_TRUE(is_prefix(r, final_order)) << "a serialized chain lost its order";
+            EXPECT_EQ(reads[t].back(), final_order);
+        }
+        head->mark_processed();
+        delete head;
     }
 }
 

@@ -238,7 +238,12 @@ const char* exception::what() const noexcept {
 string_retval exception::what(allocator& alloc, bool suppress_stack) const noexcept {
     osstream os(impl::out, alloc);
     print_(os, Impl::ShortPrefix(), suppress_stack, false);
-    return string_retval(os.str());
+    // The text is moved out of the stream, not copied: taking it needs no
+    // memory, so a text cut short by a failed growth still comes back
+    // instead of a failing copy ending the process.
+    string text(alloc);
+    os.swap(text);
+    return string_retval(std::move(text));
 }
 
 } // namespace vrk
