@@ -15,7 +15,8 @@ struct dwarf_eh_bases {
     void* dbase_;
     void* func_;
 };
-extern "C" const void* _Unwind_Find_FDE(void* pc, dwarf_eh_bases* bases); // NOLINT: the runtime's name
+extern "C" const void* _Unwind_Find_FDE(void* pc,
+                                        dwarf_eh_bases* bases); // NOLINT: the runtime's name
 
 namespace vrk_host {
 

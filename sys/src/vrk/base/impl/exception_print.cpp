@@ -4,10 +4,10 @@
 #include <utility>
 
 #include "vrk/base/impl/bad_alloc_text.hpp"
+#include "vrk/base/num_put.hpp"
 #include "vrk/exception.hpp"
 #include "vrk/ext/itoa.hpp"
 #include "vrk/iomanip.hpp"
-#include "vrk/base/num_put.hpp"
 #include "vrk/locale.hpp"
 #include "vrk/ostream.hpp"
 #include "vrk/sstream.hpp"
@@ -39,20 +39,20 @@ bool plain_stream(ostream& os) {
 // names are added only when they fit.
 struct prefix_text {
     static constexpr size_t SIZE = 256;
-    char buf[SIZE];
-    size_t n = 0;
+    char buf_[SIZE];
+    size_t n_ = 0;
 
     void add(const char* s, size_t len) {
         if (len == 0)
             return; // `s` may be null: a node read back without a file name
-        std::memcpy(buf + n, s, len);
-        n += len;
+        std::memcpy(buf_ + n_, s, len);
+        n_ += len;
     }
     template <size_t N> void add(const char (&s)[N]) { add(s, N - 1); }
-    void add(char c) { buf[n++] = c; }
+    void add(char c) { buf_[n_++] = c; }
     template <class T> void add_number(T v) {
         // The count includes the terminator, which the next piece overwrites.
-        n += impl::write_integer<T>(v, buf + n, impl::FmtFlags_dec, 0) - 1;
+        n_ += impl::write_integer<T>(v, buf_ + n_, impl::FmtFlags_dec, 0) - 1;
     }
 };
 
@@ -73,16 +73,16 @@ void Impl::LongPrefix::print(ostream& os, message_iterator itr, int idx) const {
         const char* file = itr->file().get();
         const size_t file_len = file != nullptr ? std::strlen(file) : 0;
         if (file_len > prefix_text::SIZE - 64) {
-            os.write(t.buf, static_cast<streamsize>(t.n));
+            os.write(t.buf_, static_cast<streamsize>(t.n_));
             itr->file().print(os);
-            t.n = 0;
+            t.n_ = 0;
         } else {
             t.add(file, file_len);
         }
         t.add(':');
         t.add_number(itr->line());
         t.add(")\n    ");
-        os.write(t.buf, static_cast<streamsize>(t.n));
+        os.write(t.buf_, static_cast<streamsize>(t.n_));
         return;
     }
     os << "exception" << setw(3) << static_cast<long>(idx) << ": no." << itr->error_no() << "  (";
@@ -97,7 +97,7 @@ void Impl::ShortPrefix::print(ostream& os, message_iterator itr, int) const {
         t.add("exception ");
         t.add_number(itr->error_no());
         t.add(": ");
-        os.write(t.buf, static_cast<streamsize>(t.n));
+        os.write(t.buf_, static_cast<streamsize>(t.n_));
         return;
     }
     os << "exception " << itr->error_no() << ':' << ' ';
