@@ -26,27 +26,14 @@
 #include <thread>
 
 #include "vrk/exception.hpp"
+#include "vrk/ext/heap_allocator.hpp"
 #include "vrk/ext/message_args.hpp"
 #include "vrk/memory.hpp"
 #include "vrk/sstream.hpp"
 
 namespace {
 
-// The platform heap, as a product's allocator would hand it out.
-class heap_allocator final : public vrk::allocator {
-public:
-    void* allocateNoThrow(size_t size, const void*) noexcept override {
-        return std::malloc(size != 0 ? size : 1);
-    }
-    void* allocate(size_t size, const void*) override {
-        void* p = std::malloc(size != 0 ? size : 1);
-        if (p == nullptr)
-            throw std::bad_alloc();
-        return p;
-    }
-    void* allocate(size_t size) override { return allocate(size, nullptr); }
-    void deallocate(void* p) noexcept override { std::free(p); }
-};
+using vrk::heap_allocator;
 
 heap_allocator g_heap;
 

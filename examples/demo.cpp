@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "vrk/exception.hpp"
+#include "vrk/ext/heap_allocator.hpp"
 #include "vrk/sstream.hpp"
 
 namespace {
@@ -51,17 +52,7 @@ void print_chain(const vrk::exception& head) {
     }
 }
 
-// The demo's own allocator for the texts it builds.
-struct heap_allocator final : vrk::allocator {
-    void* allocateNoThrow(size_t n, const void*) noexcept override { return std::malloc(n); }
-    void* allocate(size_t n, const void*) override { return allocate(n); }
-    void* allocate(size_t n) override {
-        if (void* p = std::malloc(n))
-            return p;
-        throw std::bad_alloc();
-    }
-    void deallocate(void* p) noexcept override { std::free(p); }
-};
+using vrk::heap_allocator;
 
 } // namespace
 

@@ -8,20 +8,12 @@
 #include <string>
 
 #include "vrk/exception.hpp"
+#include "vrk/ext/heap_allocator.hpp"
 #include "vrk/sstream.hpp"
 
 namespace {
 
-struct heap_allocator final : vrk::allocator {
-    void* allocateNoThrow(size_t n, const void*) noexcept override { return std::malloc(n); }
-    void* allocate(size_t n, const void*) override { return allocate(n); }
-    void* allocate(size_t n) override {
-        if (void* p = std::malloc(n))
-            return p;
-        throw std::bad_alloc();
-    }
-    void deallocate(void* p) noexcept override { std::free(p); }
-};
+using vrk::heap_allocator;
 
 heap_allocator heap;
 std::string dir;

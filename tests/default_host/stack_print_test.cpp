@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "vrk/exception.hpp"
+#include "vrk/ext/heap_allocator.hpp"
 #include "vrk/host/frame_names.hpp"
 #include "vrk/sstream.hpp"
 
@@ -17,16 +18,7 @@ namespace {
 
 const vrk::error_code CODE{31, "printed trace", nullptr};
 
-struct heap_allocator final : vrk::allocator {
-    void* allocateNoThrow(size_t n, const void*) noexcept override { return std::malloc(n); }
-    void* allocate(size_t n, const void*) override { return allocate(n); }
-    void* allocate(size_t n) override {
-        if (void* p = std::malloc(n))
-            return p;
-        throw std::bad_alloc();
-    }
-    void deallocate(void* p) noexcept override { std::free(p); }
-};
+using vrk::heap_allocator;
 
 int g_throw_line = 0;
 int g_call_line = 0;

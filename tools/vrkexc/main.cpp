@@ -9,23 +9,14 @@
 
 #include "fd_streambuf.hpp"
 #include "tool.hpp"
+#include "vrk/ext/heap_allocator.hpp"
 #include "vrk/istream.hpp"
 
 namespace vrkexc {
 
 namespace {
 
-class heap_allocator final : public vrk::allocator {
-public:
-    void* allocateNoThrow(size_t n, const void*) noexcept override { return std::malloc(n); }
-    void* allocate(size_t n, const void*) override { return allocate(n); }
-    void* allocate(size_t n) override {
-        if (void* p = std::malloc(n))
-            return p;
-        throw std::bad_alloc();
-    }
-    void deallocate(void* p) noexcept override { std::free(p); }
-};
+using vrk::heap_allocator;
 
 const char* const USAGE =
     "usage: vrkexc COMMAND [OPTIONS]\n"

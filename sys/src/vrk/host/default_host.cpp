@@ -19,6 +19,7 @@
 #include <new>
 
 #include "vrk/exception.hpp"
+#include "vrk/ext/heap_allocator.hpp"
 #include "vrk/host/frame_names.hpp"
 #include "vrk/host/frame_walk.hpp"
 #include "vrk/import.hpp"
@@ -126,23 +127,6 @@ private:
     const vrk::exception* head_ = nullptr;
 };
 
-// --- the platform heap ------------------------------------------------------
-
-class heap_allocator final : public vrk::allocator {
-public:
-    void* allocateNoThrow(size_t size, const void*) noexcept override {
-        return std::malloc(size != 0 ? size : 1);
-    }
-    void* allocate(size_t size, const void*) override {
-        void* p = std::malloc(size != 0 ? size : 1);
-        if (p == nullptr)
-            throw std::bad_alloc();
-        return p;
-    }
-    void* allocate(size_t size) override { return allocate(size, nullptr); }
-    void deallocate(void* p) noexcept override { std::free(p); }
-};
-
 } // namespace
 
 const char* vrk_extern::import::stdFileName(const char* fname) noexcept { return fname; }
@@ -217,6 +201,6 @@ void vrk_extern::import::abort(const char* file, int line, const char* msg, long
 }
 
 vrk::allocator& vrk::exception::default_allocator() {
-    static heap_allocator heap; // trivially destructible in effect: no state
+    static vrk::heap_allocator heap; // trivially destructible in effect: no state
     return heap;
 }
