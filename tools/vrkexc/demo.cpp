@@ -40,21 +40,17 @@ namespace demo {
 // --- worker thread: the cause ------------------------------------------------
 
 [[noreturn]] __attribute__((noinline)) void read_sector(unsigned long sector) {
-    vrk::runtime_error e(SRC, __LINE__, ERR_SECTOR);
-    e << vrk::msgarg_uint64("SECTOR", sector) << vrk::msgarg_text("DEVICE", "/dev/sdb1");
-    e.register_on_thread();
-    vrk::impl::throw_check<vrk::runtime_error>(e).do_throw();
+    VRK_THROW_AT(SRC, __LINE__, vrk::runtime_error, ERR_SECTOR)
+        << vrk::msgarg_uint64("SECTOR", sector) << vrk::msgarg_text("DEVICE", "/dev/sdb1");
 }
 
 __attribute__((noinline)) void checksum_block(int block) {
     try {
         read_sector(81920ul + static_cast<unsigned long>(block) * 8);
     } catch (const vrk::exception& cause) {
-        vrk::runtime_error e(SRC, __LINE__, ERR_CHECKSUM);
-        e << vrk::msgarg_int("BLOCK", block) << vrk::msgarg_int("TRIES", 3);
-        e << cause; // the cause travels behind
-        e.register_on_thread();
-        vrk::impl::throw_check<vrk::runtime_error>(e).do_throw();
+        VRK_THROW_AT(SRC, __LINE__, vrk::runtime_error, ERR_CHECKSUM)
+            << vrk::msgarg_int("BLOCK", block) << vrk::msgarg_int("TRIES", 3)
+            << cause; // the cause travels behind
     }
 }
 
@@ -80,14 +76,12 @@ __attribute__((noinline)) vrk::exception validation_note() {
 }
 
 [[noreturn]] __attribute__((noinline)) void write_journal(const vrk::exception& cause) {
-    vrk::runtime_error e(SRC, __LINE__, ERR_SAVE);
-    e << vrk::msgarg_text("DOC", "report.odt") << vrk::msgarg_double("RATIO", 0.75);
-    e.append_message(SRC, __LINE__, 6005, "Journal segment $SEGMENT$ of $TOTAL$; note: $NOTE$");
-    e << vrk::msgarg_uint("SEGMENT", 17u) << vrk::msgarg_uint("TOTAL", 20u)
-      << vrk::msgarg_exc("NOTE", validation_note());
-    e << cause;
-    e.register_on_thread();
-    vrk::impl::throw_check<vrk::runtime_error>(e).do_throw();
+    VRK_THROW_AT(SRC, __LINE__, vrk::runtime_error, ERR_SAVE)
+        << vrk::msgarg_text("DOC", "report.odt") << vrk::msgarg_double("RATIO", 0.75)
+        << vrk::error_message(SRC, __LINE__, 6005,
+                              "Journal segment $SEGMENT$ of $TOTAL$; note: $NOTE$")
+        << vrk::msgarg_uint("SEGMENT", 17u) << vrk::msgarg_uint("TOTAL", 20u)
+        << vrk::msgarg_exc("NOTE", validation_note()) << cause;
 }
 
 __attribute__((noinline)) void save_document() {
