@@ -17,7 +17,7 @@ if [ "${1:-}" = "--smoke" ]; then
 fi
 build="${1:-build/release}"
 [ $# -gt 0 ] && shift
-benches=(vrk_bench_itoa vrk_bench_streams vrk_bench_messages vrk_bench_exception)
+benches=(vrk_bench_itoa vrk_bench_streams vrk_bench_messages vrk_bench_exception vrk_bench_serialize)
 
 if [ "$smoke" = 1 ]; then
   for b in "${benches[@]}"; do
