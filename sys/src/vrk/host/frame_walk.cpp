@@ -16,7 +16,7 @@ struct dwarf_eh_bases {
     void* func_;
 };
 extern "C" const void* _Unwind_Find_FDE(void* pc,
-                                        dwarf_eh_bases* bases); // NOLINT: the runtime's name
+                                        dwarf_eh_bases* bases); // the runtime's own name
 
 namespace vrk_host {
 
