@@ -14,20 +14,7 @@ using vrk_test::test_allocator;
 
 const vrk::error_code OPEN_FAILED{1000123, "Cannot open $NAME$", nullptr};
 
-class AllocationBudget : public host_fixture {
-protected:
-    void SetUp() override {
-        host_fixture::SetUp();
-        vrk_test::set_default_allocator(&alloc_);
-    }
-    void TearDown() override {
-        vrk_test::set_default_allocator(nullptr);
-        EXPECT_EQ(alloc_.balance(), 0);
-        EXPECT_EQ(alloc_.bad_releases(), 0);
-        host_fixture::TearDown();
-    }
-    test_allocator alloc_;
-};
+using AllocationBudget = vrk_test::counted_fixture;
 
 TEST_F(AllocationBudget, OfCommonOperations) {
     vrk::exception e("f", 1, OPEN_FAILED);

@@ -30,20 +30,10 @@ std::vector<int> chain_numbers(const exception& head) {
     return out;
 }
 
-class ExceptionChain : public host_fixture {
+class ExceptionChain : public vrk_test::counted_fixture {
 protected:
-    void SetUp() override {
-        host_fixture::SetUp();
-        vrk_test::set_default_allocator(&alloc_);
-    }
-    void TearDown() override {
-        EXPECT_EQ(alloc_.balance(), 0) << "a block of a chain was never released";
-        EXPECT_EQ(alloc_.bad_releases(), 0) << "a block was released twice";
-        host_fixture::TearDown();
-    }
     // Blocks (with their stack buffers) still held.
     long live_blocks() const { return alloc_.balance() / 2; }
-    test_allocator alloc_;
 };
 
 TEST_F(ExceptionChain, AppendsLinkBehindTheLastBlockInOrder) {

@@ -18,19 +18,7 @@ struct block_handle : vrk::exception {
     explicit block_handle(volatile exception_data* p) : vrk::exception(p) {}
 };
 
-class ExceptionData : public host_fixture {
-protected:
-    void SetUp() override {
-        host_fixture::SetUp();
-        vrk_test::set_default_allocator(&alloc_);
-    }
-    void TearDown() override {
-        EXPECT_EQ(alloc_.balance(), 0);
-        EXPECT_EQ(alloc_.bad_releases(), 0);
-        host_fixture::TearDown();
-    }
-    test_allocator alloc_;
-};
+using ExceptionData = vrk_test::counted_fixture;
 
 TEST_F(ExceptionData, AllocationSizesPadTheTextToEightBytes) {
     const size_t base = sizeof(exception_data) + 15;

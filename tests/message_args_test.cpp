@@ -32,18 +32,8 @@ struct rendered {
     bool force;
 };
 
-class MessageArgs : public host_fixture {
+class MessageArgs : public vrk_test::counted_fixture {
 protected:
-    void SetUp() override {
-        host_fixture::SetUp();
-        vrk_test::set_default_allocator(&alloc_);
-    }
-    void TearDown() override {
-        vrk_test::set_default_allocator(nullptr);
-        EXPECT_EQ(alloc_.balance(), 0);
-        EXPECT_EQ(alloc_.bad_releases(), 0);
-        host_fixture::TearDown();
-    }
 
     // Streams `a` into a fresh exception and reads back the one parameter.
     template <class A> rendered render(const A& a) {
@@ -69,7 +59,6 @@ protected:
         return std::string(s.c_str(), s.size());
     }
 
-    test_allocator alloc_;
 };
 
 struct row {

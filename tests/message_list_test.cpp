@@ -38,25 +38,14 @@ std::string by_buffer(const exception_node& n) {
 
 bool done(const exception& e) { return e.data()->done(); }
 
-class MessageList : public host_fixture {
+class MessageList : public vrk_test::counted_fixture {
 protected:
-    void SetUp() override {
-        host_fixture::SetUp();
-        vrk_test::set_default_allocator(&alloc_);
-    }
-    void TearDown() override {
-        vrk_test::set_default_allocator(nullptr);
-        EXPECT_EQ(alloc_.balance(), 0) << "a parameter or node was never released";
-        EXPECT_EQ(alloc_.bad_releases(), 0);
-        host_fixture::TearDown();
-    }
     std::string by_stream(const exception_node& n) {
         vrk::osstream os(alloc_);
         EXPECT_EQ(&n.expand(os), &static_cast<vrk::ostream&>(os));
         vrk::string s = os.str();
         return std::string(s.c_str(), s.size());
     }
-    test_allocator alloc_;
 };
 
 struct param {

@@ -81,17 +81,8 @@ bool is_prefix(const std::vector<int>& part, const std::vector<int>& whole) {
     return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
 }
 
-class ChainStress : public host_fixture {
+class ChainStress : public vrk_test::counted_fixture {
 protected:
-    void SetUp() override {
-        host_fixture::SetUp();
-        vrk_test::set_default_allocator(&alloc_);
-    }
-    void TearDown() override {
-        EXPECT_EQ(alloc_.balance(), 0) << "blocks leaked";
-        EXPECT_EQ(alloc_.bad_releases(), 0) << "a block was released twice";
-        host_fixture::TearDown();
-    }
     template <class F> static void run_threads(F f) {
         std::vector<std::thread> threads;
         for (int t = 0; t < THREADS; ++t)
@@ -99,7 +90,6 @@ protected:
         for (auto& th : threads)
             th.join();
     }
-    test_allocator alloc_;
 };
 
 TEST_F(ChainStress, CopyAndDropSharedBlocks) {

@@ -103,6 +103,18 @@ void host_fixture::TearDown() {
     reset_host();
 }
 
+void counted_fixture::SetUp() {
+    host_fixture::SetUp();
+    set_default_allocator(&alloc_);
+}
+
+void counted_fixture::TearDown() {
+    set_default_allocator(nullptr);
+    EXPECT_EQ(alloc_.balance(), 0) << "blocks were never released";
+    EXPECT_EQ(alloc_.bad_releases(), 0) << "a block was released twice";
+    host_fixture::TearDown();
+}
+
 } // namespace vrk_test
 
 // ---------------------------------------------------------------------------

@@ -69,4 +69,14 @@ protected:
     long balance_at_start_ = 0;
 };
 
+// A host_fixture whose exceptions take their memory from `alloc_`: a
+// counting allocator that must have every block back, none released twice,
+// when the test ends.
+class counted_fixture : public host_fixture {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    test_allocator alloc_;
+};
+
 } // namespace vrk_test
