@@ -194,6 +194,14 @@ void msg_parameter::expand(const char* text, size_t len, out_ifc& out, msg_param
             out.write(p->value_, p->val_size_);
         });
 
+    // Every record written for a placeholder: none is left for the list.
+    if (n_seen <= MAX_SEEN) {
+        int count = 0;
+        for (const msg_parameter* p = f; p != nullptr && count <= n_seen; p = step_(p, l))
+            ++count;
+        if (count == n_seen)
+            return;
+    }
     bool listed = false;
     for (const msg_parameter* p = f; p != nullptr; p = step_(p, l)) {
         if (!first_of_name_(f, p))

@@ -15,13 +15,14 @@
 namespace vrk {
 
 // ---------------------------------------------------------------------------
-// Prefixes
+// Prefixes and lines
 //
-// A prefix is a dozen small insertions. When the stream would render them
-// exactly as plain text (good, no pending width, no tie, no unit buffering,
-// the classic number facet in decimal without showpos or left adjustment),
-// they are put together here and written in one piece; otherwise every
-// piece goes through its own insertion.
+// A printed line is a dozen small insertions and as many text pieces as the
+// message has placeholders. When the stream would render them exactly as
+// plain text (good, no pending width, no tie, no unit buffering, the classic
+// number facet in decimal without showpos or left adjustment, a ctype facet
+// for the line end), they are gathered on the stack and handed to the stream
+// in one write; otherwise every piece goes through its own insertion.
 
 namespace {
 
@@ -30,59 +31,99 @@ bool plain_stream(ostream& os) {
     const ios_base::fmtflags base = f & ios_base::basefield;
     return os.good() && os.width() == 0 && os.tie() == nullptr && base != ios_base::hex &&
            base != ios_base::oct && (f & (ios_base::showpos | ios_base::unitbuf)) == 0 &&
-           (f & ios_base::adjustfield) != ios_base::left &&
+           (f & ios_base::adjustfield) != ios_base::left && os.ctype_facet() != nullptr &&
            static_cast<const locale::facet*>(os.num_put_facet()) ==
                locale::classic().getFacet_(locale::NUM_PUT_ID);
 }
 
-// A prefix under construction: numbers take at most 21 characters, file
-// names are added only when they fit.
-struct prefix_text {
-    static constexpr size_t SIZE = 256;
-    char buf_[SIZE];
-    size_t n_ = 0;
+// Text gathered for a plain stream. A piece that does not fit sends what is
+// gathered on first; a piece longer than the whole array is written as it
+// is. The stream sees the same characters in the same order as from the
+// separate insertions, in fewer writes.
+class line_writer final : public msg_parameter::out_ifc {
+public:
+    explicit line_writer(ostream& os) noexcept : os_(os) {}
+    line_writer(const line_writer&) = delete;
+    line_writer& operator=(const line_writer&) = delete;
+    ~line_writer() override = default;
 
+    bool write(const char* s, size_t len) override {
+        add(s, len);
+        return true;
+    }
     void add(const char* s, size_t len) {
         if (len == 0)
             return; // `s` may be null: a node read back without a file name
+        if (len > SIZE - n_) {
+            send();
+            if (len > SIZE) {
+                os_.write(s, static_cast<streamsize>(len));
+                return;
+            }
+        }
         std::memcpy(buf_ + n_, s, len);
         n_ += len;
     }
     template <size_t N> void add(const char (&s)[N]) { add(s, N - 1); }
-    void add(char c) { buf_[n_++] = c; }
+    void add(char c) { add(&c, 1); }
     template <class T> void add_number(T v) {
-        // The count includes the terminator, which the next piece overwrites.
-        n_ += impl::write_integer<T>(v, buf_ + n_, impl::FmtFlags_dec, 0) - 1;
+        char digits[24];
+        // The count includes the terminator.
+        add(digits, impl::write_integer<T>(v, digits, impl::FmtFlags_dec, 0) - 1);
     }
+    // Hands what is gathered to the stream.
+    void send() {
+        if (n_ != 0)
+            os_.write(buf_, static_cast<streamsize>(n_));
+        n_ = 0;
+    }
+
+private:
+    static constexpr size_t SIZE = 512;
+    ostream& os_;
+    size_t n_ = 0;
+    char buf_[SIZE];
 };
+
+void long_prefix(line_writer& w, message_iterator itr, int idx, char fill) {
+    w.add("exception");
+    char digits[24];
+    const size_t len = impl::write_integer<long>(idx, digits, impl::FmtFlags_dec, 0) - 1;
+    for (size_t i = len; i < 3; ++i)
+        w.add(fill);
+    w.add(digits, len);
+    w.add(": no.");
+    w.add_number(itr->error_no());
+    w.add("  (");
+    const char* file = itr->file().get();
+    w.add(file, file != nullptr ? std::strlen(file) : 0);
+    w.add(':');
+    w.add_number(itr->line());
+    w.add(")\n    ");
+}
+
+void short_prefix(line_writer& w, message_iterator itr) {
+    w.add("exception ");
+    w.add_number(itr->error_no());
+    w.add(": ");
+}
+
+void gather_prefix(line_writer& w, const Impl::LongPrefix&, message_iterator itr, int idx,
+                   char fill) {
+    long_prefix(w, itr, idx, fill);
+}
+void gather_prefix(line_writer& w, const Impl::ShortPrefix&, message_iterator itr, int,
+                   char) {
+    short_prefix(w, itr);
+}
 
 } // namespace
 
 void Impl::LongPrefix::print(ostream& os, message_iterator itr, int idx) const {
     if (plain_stream(os)) {
-        prefix_text t;
-        t.add("exception");
-        char digits[24];
-        const size_t len = impl::write_integer<long>(idx, digits, impl::FmtFlags_dec, 0) - 1;
-        for (size_t i = len; i < 3; ++i)
-            t.add(os.fill());
-        t.add(digits, len);
-        t.add(": no.");
-        t.add_number(itr->error_no());
-        t.add("  (");
-        const char* file = itr->file().get();
-        const size_t file_len = file != nullptr ? std::strlen(file) : 0;
-        if (file_len > prefix_text::SIZE - 64) {
-            os.write(t.buf_, static_cast<streamsize>(t.n_));
-            itr->file().print(os);
-            t.n_ = 0;
-        } else {
-            t.add(file, file_len);
-        }
-        t.add(':');
-        t.add_number(itr->line());
-        t.add(")\n    ");
-        os.write(t.buf_, static_cast<streamsize>(t.n_));
+        line_writer w(os);
+        long_prefix(w, itr, idx, os.fill());
+        w.send();
         return;
     }
     os << "exception" << setw(3) << static_cast<long>(idx) << ": no." << itr->error_no() << "  (";
@@ -93,11 +134,9 @@ void Impl::LongPrefix::print(ostream& os, message_iterator itr, int idx) const {
 
 void Impl::ShortPrefix::print(ostream& os, message_iterator itr, int) const {
     if (plain_stream(os)) {
-        prefix_text t;
-        t.add("exception ");
-        t.add_number(itr->error_no());
-        t.add(": ");
-        os.write(t.buf_, static_cast<streamsize>(t.n_));
+        line_writer w(os);
+        short_prefix(w, itr);
+        w.send();
         return;
     }
     os << "exception " << itr->error_no() << ':' << ' ';
@@ -107,6 +146,49 @@ void Impl::ShortPrefix::print(ostream& os, message_iterator itr, int) const {
 // The printer
 
 namespace {
+// The one-line throw-location section of a block that has no frames and no
+// imported text, when that line is a fixed text; null otherwise.
+const char* stack_note(const exception_data* d) noexcept {
+    if ((d->stack() && d->p_buff_ != nullptr && d->buff_sz_ != 0) ||
+        (!d->stack() && d->p_buff_ != nullptr))
+        return nullptr;
+    switch (d->node_.bad_alloc_) {
+    case exception_node::STACK_SUPPRESS:
+        return "NO exception throw location recorded. Stack generation suppressed.";
+    case exception_node::STACK_ERROR:
+        return "NO exception throw location recorded. Stack generation system error.";
+    case exception_node::STACK_FAILED:
+        return "NO exception throw location recorded. Allocation of stack data failed.";
+    default:
+        return nullptr;
+    }
+}
+
+void print_stack_of(ostream& os, const exception_data* d) {
+    if (d == nullptr) {
+        os << "NO exception throw location recorded. Allocation of exp.data failed.";
+        endl(os);
+        return;
+    }
+    if (d->stack() && d->p_buff_ != nullptr && d->buff_sz_ != 0) {
+        os << "exception throw location:";
+        endl(os);
+        vrk_extern::import::print_stack_trace(&os, static_cast<void**>(d->p_buff_), d->buff_sz_);
+        endl(os);
+        return;
+    }
+    if (!d->stack() && d->p_buff_ != nullptr) {
+        // Text printed by the side that serialized the exception.
+        os.write(static_cast<const char*>(d->p_buff_), d->buff_sz_);
+        return;
+    }
+    if (const char* note = stack_note(d))
+        os << note;
+    else
+        os << "NO exception throw location recorded. Bad alloc.code: " << d->node_.bad_alloc_;
+    endl(os);
+}
+
 // A note for a node that lost memory. A code above 3 with one of the two low
 // bits set can only come from rebuilt bytes; it is shown with the text of its
 // two low bits and its own number, so that the table is never overrun.
@@ -118,8 +200,7 @@ void print_bad_alloc_note(ostream& os, int code) {
 template <class Prefix>
 void exception::print_(ostream& os, const Prefix& pref, bool suppress_stack,
                        bool suppress_nested_stack) const {
-    exception cur_exp(p_fst_); // holds its own reference while printing
-    if (cur_exp.p_fst_ == nullptr) {
+    if (p_fst_ == nullptr) {
         const char* text = impl::getBadAllocMsg(err_no_, file_, line_);
         if (text == nullptr)
             os.setstate(ios_base::badbit);
@@ -129,24 +210,49 @@ void exception::print_(ostream& os, const Prefix& pref, bool suppress_stack,
         impl::ostreamFlush(os);
         return;
     }
+    // The chain is walked by its links without counted handles: this handle
+    // keeps the first block alive, and every further block is kept alive by
+    // the link from its predecessor, whoever lets go of their copies
+    // meanwhile. That saves two locked updates of each block's count.
     {
-        cur_exp.p_fst_->set_done();
         // No state change raises while printing; the format is restored.
         basic_ios<char>::stream_guard guard(os, ios_base::goodbit);
+        volatile exception_data* block = p_fst_;
         for (int idx = 1;; ++idx) {
-            for (message_iterator itr(&cur_exp.block_()->node_); itr != end(); ++itr) {
+            block->set_done();
+            const exception_data* d = const_cast<const exception_data*>(block);
+            for (message_iterator itr(&d->node_); itr != end(); ++itr) {
+                if (!itr->out_of_memory() && plain_stream(os)) {
+                    // The whole line in one write, then the flush of endl.
+                    line_writer w(os);
+                    gather_prefix(w, pref, itr, idx, os.fill());
+                    itr->expand_(w);
+                    w.add('\n');
+                    w.send();
+                    impl::ostreamFlush(os);
+                    continue;
+                }
                 pref.print(os, itr, idx);
                 itr->expand(os);
                 if (itr->out_of_memory())
                     print_bad_alloc_note(os, itr->bad_alloc());
                 endl(os);
             }
-            if (!suppress_stack && !(suppress_nested_stack && idx != 1))
-                cur_exp.print_stack(os);
-            cur_exp = cur_exp.get_next();
-            if (cur_exp.p_fst_ == nullptr)
+            if (!suppress_stack && !(suppress_nested_stack && idx != 1)) {
+                const char* note = stack_note(d);
+                if (note != nullptr && plain_stream(os)) {
+                    line_writer w(os);
+                    w.add(note, std::strlen(note));
+                    w.add('\n');
+                    w.send();
+                    impl::ostreamFlush(os);
+                } else {
+                    print_stack_of(os, d);
+                }
+            }
+            block = block->next();
+            if (block == nullptr)
                 break;
-            cur_exp.p_fst_->set_done();
         }
     }
     impl::ostreamFlush(os);
@@ -187,41 +293,7 @@ int exception::stack_trace(void*** p_st) const noexcept {
     return static_cast<int>(d->buff_sz_);
 }
 
-void exception::print_stack(ostream& os) const {
-    const exception_data* d = block_();
-    if (d == nullptr) {
-        os << "NO exception throw location recorded. Allocation of exp.data failed.";
-        endl(os);
-        return;
-    }
-    if (d->stack() && d->p_buff_ != nullptr && d->buff_sz_ != 0) {
-        os << "exception throw location:";
-        endl(os);
-        vrk_extern::import::print_stack_trace(&os, static_cast<void**>(d->p_buff_), d->buff_sz_);
-        endl(os);
-        return;
-    }
-    if (!d->stack() && d->p_buff_ != nullptr) {
-        // Text printed by the side that serialized the exception.
-        os.write(static_cast<const char*>(d->p_buff_), d->buff_sz_);
-        return;
-    }
-    switch (const int code = d->node_.bad_alloc_) {
-    case exception_node::STACK_SUPPRESS:
-        os << "NO exception throw location recorded. Stack generation suppressed.";
-        break;
-    case exception_node::STACK_ERROR:
-        os << "NO exception throw location recorded. Stack generation system error.";
-        break;
-    case exception_node::STACK_FAILED:
-        os << "NO exception throw location recorded. Allocation of stack data failed.";
-        break;
-    default:
-        os << "NO exception throw location recorded. Bad alloc.code: " << code;
-        break;
-    }
-    endl(os);
-}
+void exception::print_stack(ostream& os) const { print_stack_of(os, block_()); }
 
 // ---------------------------------------------------------------------------
 // Message texts
