@@ -139,6 +139,19 @@ struct digit_pairs_ {
 // "00" "01" ... "99": two decimal digits per division.
 inline constexpr digit_pairs_ DIGIT_PAIRS_{};
 
+struct hex_pairs_ {
+    char text_[512];
+    constexpr explicit hex_pairs_(const char* digits) noexcept : text_() {
+        for (int i = 0; i < 256; ++i) {
+            text_[2 * i] = digits[i / 16];
+            text_[2 * i + 1] = digits[i % 16];
+        }
+    }
+};
+// "00" "01" ... "ff" and "00" ... "FF": two hexadecimal digits per byte.
+inline constexpr hex_pairs_ HEX_PAIRS_LOWER_{HEX_LOWER_};
+inline constexpr hex_pairs_ HEX_PAIRS_UPPER_{HEX_UPPER_};
+
 // 0, 10, 100, ...: the smallest value with t + 1 digits at index t (0 at
 // index 0 makes the value 0 count one digit).
 inline constexpr uint64_t POW10_[20] = {0,
@@ -209,19 +222,20 @@ inline char* write_integer_backward(T nmb, char* buf, FmtFlags io_flags) noexcep
     auto u = traits::bits(nmb);
     const uint32_t base = io_flags & FmtFlags_basefield;
     if (base == FmtFlags_hex) {
-        const char* table = hexCharTable((io_flags & FmtFlags_uppercase) != 0);
-        // Two digits per step halves the loop's unpredictable exits.
+        // One table load and one two-byte store per byte of the value.
+        const char* pairs = (io_flags & FmtFlags_uppercase) != 0 ? HEX_PAIRS_UPPER_.text_
+                                                                  : HEX_PAIRS_LOWER_.text_;
         while (u >= 0x100) {
             buf -= 2;
-            buf[0] = table[(u >> 4) & 15];
-            buf[1] = table[u & 15];
+            std::memcpy(buf, pairs + 2 * (u & 0xff), 2);
             u >>= 8;
         }
         if (u >= 0x10) {
-            *--buf = table[u & 15];
-            u >>= 4;
+            buf -= 2;
+            std::memcpy(buf, pairs + 2 * u, 2);
+        } else {
+            *--buf = pairs[2 * u + 1];
         }
-        *--buf = table[u];
         return buf;
     }
     if (base == FmtFlags_oct) {
