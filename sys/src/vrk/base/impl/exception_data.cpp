@@ -122,22 +122,6 @@ exception_node* exception_data::last_node() volatile noexcept {
     return node;
 }
 
-// The processed flag: a relaxed load and store, the same instructions as a
-// plain read-modify-write. A lost update between threads only decides
-// whether the host hears of a forgotten exception; the other bits of the
-// word never change after init.
-void exception_data::set_done() volatile noexcept {
-    const uint32_t w = flags_();
-    if (!(w & DONE_BIT))
-        __atomic_store_n(&flags_word_, w | DONE_BIT, __ATOMIC_RELAXED);
-}
-
-void exception_data::clear_done() volatile noexcept {
-    const uint32_t w = flags_();
-    if (w & DONE_BIT)
-        __atomic_store_n(&flags_word_, w & ~DONE_BIT, __ATOMIC_RELAXED);
-}
-
 // ---------------------------------------------------------------------------
 // The shared word. Every update reads the word, computes the new value and
 // compare-and-swaps; after a failure it goes on from the value found. The
@@ -148,19 +132,6 @@ void exception_data::clear_done() volatile noexcept {
 namespace {
 inline uint64_t ptr_word(const volatile exception_data* p) { return reinterpret_cast<uint64_t>(p); }
 } // namespace
-
-// The count changes read the word and write the new counter under one hold
-// of the slot lock: a compare-and-swap that cannot fail, so two threads
-// copying one exception never retry.
-void exception_data::increment() volatile noexcept {
-    pc_.add_count(1);
-    clear_done();
-}
-
-bool exception_data::decrement() volatile noexcept {
-    const atomic_dword_t old = pc_.add_count(~uint64_t{0});
-    return old.lo == 0 && old.hi - 1 == 0;
-}
 
 bool exception_data::lock_chain() volatile noexcept {
     atomic_dword_t old = pc_.read();

@@ -125,9 +125,19 @@ struct exception_data {
     // Releases the block and everything it owns; leaves the chain alone.
     static void destroy(volatile exception_data* ptr) noexcept;
 
-    // Shared-state operations, all through the 128-bit word.
-    void increment() volatile noexcept;
-    bool decrement() volatile noexcept;
+    // Shared-state operations, all through the 128-bit word. The count
+    // changes read the word and write the new counter under one hold of the
+    // slot lock: a compare-and-swap that cannot fail, so two threads copying
+    // one exception never retry. Inline: they are the whole cost of a copy.
+    void increment() volatile noexcept {
+        pc_.add_count(1);
+        clear_done();
+    }
+    // True when this was the last reference to a block nobody links to.
+    bool decrement() volatile noexcept {
+        const atomic_dword_t old = pc_.add_count(~uint64_t{0});
+        return old.lo == 0 && old.hi - 1 == 0;
+    }
     bool lock_chain() volatile noexcept;
     void update_pred(volatile exception_data* p_pred) volatile noexcept;
     bool unlink_pred() volatile noexcept;
@@ -138,8 +148,20 @@ struct exception_data {
     uint8_t offset() const volatile noexcept {
         return static_cast<uint8_t>((flags_() & OFFSET_MASK) >> OFFSET_SHIFT);
     }
-    void set_done() volatile noexcept;
-    void clear_done() volatile noexcept;
+    // The processed flag: a relaxed load and store, the same instructions
+    // as a plain read-modify-write. A lost update between threads only
+    // decides whether the host hears of a forgotten exception; the other bits
+    // of the word never change after init.
+    void set_done() volatile noexcept {
+        const uint32_t w = flags_();
+        if (!(w & DONE_BIT))
+            __atomic_store_n(&flags_word_, w | DONE_BIT, __ATOMIC_RELAXED);
+    }
+    void clear_done() volatile noexcept {
+        const uint32_t w = flags_();
+        if (w & DONE_BIT)
+            __atomic_store_n(&flags_word_, w & ~DONE_BIT, __ATOMIC_RELAXED);
+    }
 
     // The successor in the chain (acquire: its contents were written before
     // it was linked).
