@@ -131,13 +131,12 @@ void build_print_ostringstream(benchmark::State& state) {
 
 // --- throw and catch -----------------------------------------------------------
 
-// The throw sits in an out-of-line helper, as the library's own throw sites
-// do it; both recursions are the same code around their helper, which the
-// optimiser can neither flatten nor turn into a loop.
+// The throw sits in an out-of-line helper; ours is the library's throw
+// site, VRK_THROW_AT (create with stack capture, register, throw). Both
+// recursions are the same code around their helper, which the optimiser can
+// neither flatten nor turn into a loop.
 __attribute__((noinline)) void raise_vrk() {
-    vrk::runtime_error e(FILE_NAME, __LINE__, vrk::ERR_VRK_RUNTIME);
-    e.register_on_thread();
-    e.do_throw();
+    VRK_THROW_AT(FILE_NAME, __LINE__, vrk::runtime_error, vrk::ERR_VRK_RUNTIME);
 }
 
 __attribute__((noinline)) void raise_std() {

@@ -3,6 +3,9 @@
 // hand-written idiom.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <typeinfo>
+
 #include "support/test_host.hpp"
 #include "vrk/exception.hpp"
 
@@ -154,6 +157,49 @@ TEST_F(Throw, OtherFormsOfTheThrowSite) {
             e.mark_processed();
         }
     }
+}
+
+// A product class with a do_throw of its own: the throw site leaves the
+// throw to it.
+int g_audited_throws = 0;
+class audited_error : public vrk::runtime_error {
+public:
+    using vrk::runtime_error::runtime_error;
+    void do_throw() override {
+        ++g_audited_throws;
+        throw *this;
+    }
+};
+
+using ThrowCounted = vrk_test::counted_fixture;
+
+// The library's classes are thrown as their do_throw throws them (a class
+// without an override as vrk::exception), each with one registered copy and
+// every block back with the allocator once the catch is over.
+TEST_F(ThrowCounted, ThrowsTheClassItsDoThrowWouldThrow) {
+    const auto thrown_as = [](auto raise) -> std::string {
+        try {
+            raise();
+        } catch (const vrk::exception& e) {
+            EXPECT_EQ(vrk::exception::get_first_registered(), &e);
+            EXPECT_EQ(e.get_next_registered(), nullptr);
+            EXPECT_FALSE(e.data() == nullptr);
+            e.mark_processed();
+            return typeid(e).name();
+        }
+        return "nothing";
+    };
+    EXPECT_EQ(thrown_as([] { VRK_THROW(vrk::logic_error, CODE); }), typeid(vrk::exception).name());
+    EXPECT_EQ(thrown_as([] { VRK_THROW(vrk::exception, CODE); }), typeid(vrk::exception).name());
+    EXPECT_EQ(thrown_as([] { VRK_THROW(vrk::runtime_error, CODE); }),
+              typeid(vrk::runtime_error).name());
+    EXPECT_EQ(thrown_as([] { VRK_THROW(vrk::rvalue_error, CODE); }),
+              typeid(vrk::rvalue_error).name());
+    EXPECT_EQ(thrown_as([] { VRK_THROW(audited_error, CODE) << vrk::msgarg_int("N", 1); }),
+              typeid(audited_error).name());
+    EXPECT_EQ(g_audited_throws, 1);
+    EXPECT_EQ(vrk::exception::get_first_registered(), nullptr);
+    EXPECT_EQ(vrk_test::counters().forgotten, 0);
 }
 
 TEST_F(Throw, WithoutMemoryTheErrorStillArrives) {

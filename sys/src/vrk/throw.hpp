@@ -2,7 +2,7 @@
 //
 // Builds the exception with the source file and line, lets messages and
 // arguments be streamed in, registers it on the calling thread and throws it
-// through its own virtual do_throw, so the thrown object keeps its class.
+// as its own do_throw would, so the thrown object keeps its class.
 // Building and appending never throw; only the final throw does.
 //
 //   VRK_THROW(vrk::runtime_error, ERR_DISK_FULL)
@@ -11,11 +11,75 @@
 // Included at the end of vrk/exception.hpp; not meant to be included alone.
 #pragma once
 
+#include <cstddef>
+#include <new>
+#include <typeinfo>
+
 namespace vrk::impl {
 
-// The exception under construction at a throw site. Holds it by value: the
-// local object of the classic idiom, whose copy is what gets thrown.
-template <class T> class throw_site {
+// Space for a thrown object from the C++ runtime, and the throw of an object
+// built there (the runtime's allocate-exception and throw calls).
+void* allocate_thrown_(size_t size) noexcept;
+[[noreturn]] void throw_allocated_(void* thrown, const std::type_info& type,
+                                   void (*destroy)(void*));
+
+// The class a library exception's do_throw throws: its own, or vrk::exception
+// for a class without an override of its own. void for every other class,
+// whose do_throw is called as it is.
+template <class T> struct relocated_throw { using type = void; };
+template <> struct relocated_throw<exception> { using type = exception; };
+template <> struct relocated_throw<logic_error> { using type = exception; };
+template <> struct relocated_throw<runtime_error> { using type = runtime_error; };
+template <> struct relocated_throw<overflow_error> { using type = overflow_error; };
+template <> struct relocated_throw<underflow_error> { using type = underflow_error; };
+template <> struct relocated_throw<rvalue_error> { using type = rvalue_error; };
+
+template <class Thrown> void destroy_thrown_(void* p) noexcept { static_cast<Thrown*>(p)->~Thrown(); }
+
+// The exception under construction at a throw site, for the library's own
+// classes. It lives in raw storage, so that no object with a destructor
+// stays in the frames the throw unwinds: each such frame stops the unwinder
+// for a cleanup and a resume, which costs a third of a throw. The throw does
+// what do_throw does, registering the exception and throwing a copy of it,
+// but builds the copy in the runtime's space itself and destroys the
+// original before the throw instead of during the unwind.
+template <class T, class Thrown = typename relocated_throw<T>::type> class throw_site {
+public:
+    // Builds T(fname, line, args..., caller) in place.
+    template <class... Args>
+    throw_site(const char* fname, int line, const void* caller, const Args&... args) noexcept {
+        ::new (static_cast<void*>(raw_)) T(fname, line, args..., caller);
+    }
+    throw_site(const throw_site&) = delete;
+    throw_site& operator=(const throw_site&) = delete;
+
+    // Appends whatever `exception << item` accepts: a vrk::error_message, a
+    // typed argument, or another exception to chain behind this one.
+    template <class Item> throw_site& operator<<(const Item& item) noexcept {
+        exp_() << item;
+        return *this;
+    }
+    const T& get() const noexcept { return exp_(); }
+
+    [[noreturn]] void throw_() const {
+        T& e = exp_();
+        e.register_on_thread();
+        void* thrown = allocate_thrown_(sizeof(Thrown));
+        // The copy takes over the registration and marks the block unseen.
+        ::new (thrown) Thrown(static_cast<const Thrown&>(e));
+        e.~T();
+        throw_allocated_(thrown, typeid(Thrown), &destroy_thrown_<Thrown>);
+    }
+
+private:
+    T& exp_() const noexcept { return *std::launder(reinterpret_cast<T*>(raw_)); }
+
+    alignas(T) mutable unsigned char raw_[sizeof(T)];
+};
+
+// Any other class: holds the exception by value, the local object of the
+// classic idiom, and throws through its virtual do_throw.
+template <class T> class throw_site<T, void> {
 public:
     // Builds T(fname, line, args..., caller) in place.
     template <class... Args>
@@ -24,14 +88,16 @@ public:
     throw_site(const throw_site&) = delete;
     throw_site& operator=(const throw_site&) = delete;
 
-    // Appends whatever `exception << item` accepts: a vrk::error_message, a
-    // typed argument, or another exception to chain behind this one.
     template <class Item> throw_site& operator<<(const Item& item) noexcept {
         exp_ << item;
         return *this;
     }
-
     const T& get() const noexcept { return exp_; }
+
+    [[noreturn]] void throw_() const {
+        exp_.register_on_thread();
+        throw_check<T>(exp_).do_throw();
+    }
 
 private:
     T exp_;
@@ -62,8 +128,7 @@ throw_site<T> make_throw_site_from(const void* caller, const char* fname, int li
 // appended before the throw.
 struct throw_now {
     template <class T> [[noreturn]] void operator=(const throw_site<T>& site) const {
-        site.get().register_on_thread();
-        throw_check<T>(site.get()).do_throw();
+        site.throw_();
     }
 };
 

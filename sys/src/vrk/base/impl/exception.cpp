@@ -2,8 +2,11 @@
 // forgotten-exception report, throwing, accessors, chains and messages.
 #include "vrk/exception.hpp"
 
+#include <cxxabi.h>
+
 #include <cstring>
 #include <new>
+#include <typeinfo>
 
 #include "vrk/base/impl/exception_source.hpp"
 #include "vrk/ext/auto_object.hpp"
@@ -132,7 +135,8 @@ exception& exception::operator=(const exception& a) noexcept {
 // Release
 
 exception::~exception() {
-    unregister_on_thread();
+    if (p_next_reg_ != NOT_REGISTERED)
+        unregister_on_thread();
     p_lst_ = nullptr;
     release_();
 }
@@ -174,6 +178,12 @@ void exception::prepare_throw_() noexcept {
 void exception::do_throw() {
     prepare_throw_();
     throw *this;
+}
+
+void* impl::allocate_thrown_(size_t size) noexcept { return abi::__cxa_allocate_exception(size); }
+
+void impl::throw_allocated_(void* thrown, const std::type_info& type, void (*destroy)(void*)) {
+    abi::__cxa_throw(thrown, const_cast<std::type_info*>(&type), destroy);
 }
 
 void impl::throw_check_base::throw_returned() noexcept {
