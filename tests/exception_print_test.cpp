@@ -4,6 +4,7 @@
 #include <string>
 
 #include "support/test_host.hpp"
+#include "vrk/ext/buffer_stream.hpp"
 #include "vrk/iomanip.hpp"
 #include "vrk/sstream.hpp"
 #include "vrk/base/impl/bad_alloc_text.hpp"
@@ -216,6 +217,40 @@ TEST_F(ExceptionPrint, PrefixTextFollowsEveryStreamSetUp) {
         vrk::string short_form = neg.what(alloc_, true);
         EXPECT_STREQ(short_form.c_str(), "exception -12: m\n");
     }
+}
+
+// Lines longer than what the printer gathers before writing come out whole
+// and in order, on a plain stream and on one printed piece by piece; a
+// stream that fills up keeps the first 2047 characters of the same text.
+TEST_F(ExceptionPrint, LongLinesAreWrittenWhole) {
+    const std::string file(700, 'f');
+    const std::string value(600, 'v');
+    std::string text;
+    for (int i = 0; i < 40; ++i)
+        text += "word" + std::to_string(i) + " $V$ ";
+    exception e(file.c_str(), 9, vrk::error_code{5, text.c_str(), nullptr}, NO_STACK);
+    e << vrk::msgarg_text("V", value.c_str()) << vrk::msgarg_int("EXTRA", 17);
+    e.append_message("b.src", 10, 6, "$V$");
+
+    std::string expanded;
+    for (int i = 0; i < 40; ++i)
+        expanded += "word" + std::to_string(i) + " " + value + " ";
+    const std::string expected = "exception  1: no.5  (" + file + ":9)\n    " + expanded +
+                                 " [EXTRA=17]\nexception  1: no.6  (b.src:10)\n    $V$\n"
+                                 "NO exception throw location recorded. "
+                                 "Stack generation suppressed.\n";
+    EXPECT_EQ(long_form(e, false, false), expected);
+    vrk::osstream other(alloc_);
+    vrk::osstream tied(alloc_);
+    tied.tie(&other);
+    e.print_default(tied, false, false);
+    EXPECT_EQ(text_of(tied), expected);
+
+    vrk::buffer_stream<2048> cut;
+    e.print_default(cut, false, false);
+    EXPECT_EQ(std::string(cut.c_str()), expected.substr(0, 2047));
+    const vrk::ostream& cut_os = cut;
+    EXPECT_TRUE(cut_os.bad());
 }
 
 TEST_F(ExceptionPrint, PrintHookReplacesOnlyPrint) {
