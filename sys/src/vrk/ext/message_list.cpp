@@ -17,8 +17,14 @@ inline const msg_parameter* step_(const msg_parameter* p, const msg_parameter* l
     return p == last ? nullptr : p->p_next_;
 }
 
+// Names are short: a byte loop beats a library call.
 inline bool named_(const msg_parameter* p, const char* name, size_t len) noexcept {
-    return p->name_len_ == len && std::memcmp(p->name_, name, len) == 0;
+    if (p->name_len_ != len)
+        return false;
+    for (size_t i = 0; i < len; ++i)
+        if (p->name_[i] != name[i])
+            return false;
+    return true;
 }
 
 // The parameter a placeholder of that name stands for: the latest
@@ -133,6 +139,11 @@ size_t msg_parameter::allocation_size(size_t name_len, size_t val_len) noexcept 
 }
 
 void msg_parameter::init(const char* name, const char* value, uint32_t size, bool force) noexcept {
+    init_(name, std::strlen(name), value, size, force);
+}
+
+void msg_parameter::init_(const char* name, size_t name_len, const char* value, uint32_t size,
+                          bool force) noexcept {
     // Pointer arithmetic from the decayed array: the text runs past value_[0]
     // to the end of the allocation.
     char* text = value_;
@@ -141,7 +152,6 @@ void msg_parameter::init(const char* name, const char* value, uint32_t size, boo
     else
         size = 0;
     text[size] = '\0';
-    const size_t name_len = std::strlen(name);
     char* name_copy = text + size + 1;
     std::memcpy(name_copy, name, name_len + 1);
     p_next_ = nullptr;
@@ -259,7 +269,7 @@ __attribute__((noinline)) bool message_node::new_param(allocator& ma, const char
     if (raw == nullptr)
         return false;
     auto* p = ::new (raw) msg_parameter;
-    p->init(name, value, static_cast<uint32_t>(val_len), force);
+    p->init_(name, name_len, value, static_cast<uint32_t>(val_len), force);
     if (prm_last_ != nullptr)
         prm_last_->p_next_ = p;
     else

@@ -80,6 +80,9 @@ struct msg_parameter {
     // copies `size` characters of `value` (none when null) and the name,
     // leaves `p_next_` null.
     void init(const char* name, const char* value, uint32_t size, bool force) noexcept;
+    // The same with the length of `name` already known.
+    void init_(const char* name, size_t name_len, const char* value, uint32_t size,
+               bool force) noexcept;
 
     // Returns a whole list, from `first` along `p_next_`, to `alloc`.
     static void destroy(msg_parameter* first, allocator& alloc) noexcept;

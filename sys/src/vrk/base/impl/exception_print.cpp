@@ -1,5 +1,6 @@
 // Printing an exception: the long and short forms of the whole chain, the
 // throw-location section, and the message texts built from them.
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -61,14 +62,18 @@ public:
                 return;
             }
         }
-        std::memcpy(buf_ + n_, s, len);
+        copy_(buf_ + n_, s, len);
         n_ += len;
     }
     template <size_t N> void add(const char (&s)[N]) { add(s, N - 1); }
     void add(char c) { add(&c, 1); }
     template <class T> void add_number(T v) {
+        // The count includes the terminator, which the next piece overwrites.
+        if (SIZE - n_ > 24) {
+            n_ += impl::write_integer<T>(v, buf_ + n_, impl::FmtFlags_dec, 0) - 1;
+            return;
+        }
         char digits[24];
-        // The count includes the terminator.
         add(digits, impl::write_integer<T>(v, digits, impl::FmtFlags_dec, 0) - 1);
     }
     // Hands what is gathered to the stream.
@@ -79,6 +84,29 @@ public:
     }
 
 private:
+    // Most pieces are a few characters: two overlapping word copies instead
+    // of a library call.
+    static void copy_(char* dst, const char* src, size_t len) noexcept {
+        if (len >= 8 && len <= 16) {
+            uint64_t a, b;
+            std::memcpy(&a, src, 8);
+            std::memcpy(&b, src + len - 8, 8);
+            std::memcpy(dst, &a, 8);
+            std::memcpy(dst + len - 8, &b, 8);
+        } else if (len >= 4 && len < 8) {
+            uint32_t a, b;
+            std::memcpy(&a, src, 4);
+            std::memcpy(&b, src + len - 4, 4);
+            std::memcpy(dst, &a, 4);
+            std::memcpy(dst + len - 4, &b, 4);
+        } else if (len < 4) {
+            for (size_t i = 0; i < len; ++i)
+                dst[i] = src[i];
+        } else {
+            std::memcpy(dst, src, len);
+        }
+    }
+
     static constexpr size_t SIZE = 512;
     ostream& os_;
     size_t n_ = 0;
