@@ -200,6 +200,25 @@ template <class U> inline char* write_decimal_backward_(U u, char* p) noexcept {
     return p;
 }
 
+// Hexadecimal digits of `u` ending at `buf`: one table load and one
+// two-byte store per byte of the value. Kept apart from the decimal code,
+// which the compiler then lays out as tightly as without it.
+template <class U> inline char* write_hex_backward_(U u, char* buf, bool upper) noexcept {
+    const char* pairs = upper ? HEX_PAIRS_UPPER_.text_ : HEX_PAIRS_LOWER_.text_;
+    while (u >= 0x100) {
+        buf -= 2;
+        std::memcpy(buf, pairs + 2 * (u & 0xff), 2);
+        u >>= 8;
+    }
+    if (u >= 0x10) {
+        buf -= 2;
+        std::memcpy(buf, pairs + 2 * u, 2);
+    } else {
+        *--buf = pairs[2 * u + 1];
+    }
+    return buf;
+}
+
 // Length of the text write_integer_backward produces, sign included.
 template <class T> inline uint32_t text_length_(T nmb, FmtFlags io_flags) noexcept {
     using traits = itoa_traits_<T>;
@@ -222,21 +241,7 @@ inline char* write_integer_backward(T nmb, char* buf, FmtFlags io_flags) noexcep
     auto u = traits::bits(nmb);
     const uint32_t base = io_flags & FmtFlags_basefield;
     if (base == FmtFlags_hex) {
-        // One table load and one two-byte store per byte of the value.
-        const char* pairs = (io_flags & FmtFlags_uppercase) != 0 ? HEX_PAIRS_UPPER_.text_
-                                                                  : HEX_PAIRS_LOWER_.text_;
-        while (u >= 0x100) {
-            buf -= 2;
-            std::memcpy(buf, pairs + 2 * (u & 0xff), 2);
-            u >>= 8;
-        }
-        if (u >= 0x10) {
-            buf -= 2;
-            std::memcpy(buf, pairs + 2 * u, 2);
-        } else {
-            *--buf = pairs[2 * u + 1];
-        }
-        return buf;
+        return write_hex_backward_(u, buf, (io_flags & FmtFlags_uppercase) != 0);
     }
     if (base == FmtFlags_oct) {
         do {
