@@ -267,18 +267,32 @@ void write_integer_tail_(T a, char* buf, FmtFlags io_flags, uint32_t width) noex
 
 template <class T>
 inline unsigned long write_integer(T a, char* buf, FmtFlags io_flags, int width) noexcept {
-    if (width == 0) {
+    const uint32_t base = io_flags & FmtFlags_basefield;
+    if (width == 0 && base != FmtFlags_hex && base != FmtFlags_oct) {
         const auto u = itoa_traits_<T>::bits(a);
-        const uint32_t base = io_flags & FmtFlags_basefield;
-        if (u < 100 && base != FmtFlags_hex && base != FmtFlags_oct) {
+        // The sign without a branch: a '-' goes first in any case, and a
+        // value that is not negative writes its first digit over it.
+        bool negative = false;
+        auto magnitude = u;
+        if constexpr (itoa_traits_<T>::SIGNED) {
+            negative = a < 0;
+            magnitude = negative ? decltype(u)(0) - u : u;
+            buf[0] = '-';
+        }
+        char* digits = buf + (negative ? 1 : 0);
+        if (magnitude < 100) {
             // One or two digits without a branch on which: a single digit
             // takes its pair's second character, and the terminator then
             // replaces the character copied after it.
-            const uint32_t one = u < 10 ? 1u : 0u;
-            std::memcpy(buf, DIGIT_PAIRS_.text_ + 2 * u + one, 2);
-            buf[2 - one] = '\0';
-            return 3 - one;
+            const uint32_t one = magnitude < 10 ? 1u : 0u;
+            std::memcpy(digits, DIGIT_PAIRS_.text_ + 2 * magnitude + one, 2);
+            digits[2 - one] = '\0';
+            return 3 - one + (negative ? 1u : 0u);
         }
+        const uint32_t n = dec_digits_(magnitude);
+        write_decimal_backward_(magnitude, digits + n);
+        digits[n] = '\0';
+        return n + 1 + (negative ? 1u : 0u);
     }
     const uint32_t len = text_length_(a, io_flags);
     if (width == 0) {
