@@ -34,7 +34,9 @@ template <> struct relocated_throw<overflow_error> { using type = overflow_error
 template <> struct relocated_throw<underflow_error> { using type = underflow_error; };
 template <> struct relocated_throw<rvalue_error> { using type = rvalue_error; };
 
-template <class Thrown> void destroy_thrown_(void* p) noexcept { static_cast<Thrown*>(p)->~Thrown(); }
+template <class Thrown> void destroy_thrown_(void* p) noexcept {
+    static_cast<Thrown*>(p)->~Thrown();
+}
 
 // The exception under construction at a throw site, for the library's own
 // classes. It lives in raw storage, so that no object with a destructor

@@ -140,8 +140,7 @@ void gather_prefix(line_writer& w, const Impl::LongPrefix&, message_iterator itr
                    char fill) {
     long_prefix(w, itr, idx, fill);
 }
-void gather_prefix(line_writer& w, const Impl::ShortPrefix&, message_iterator itr, int,
-                   char) {
+void gather_prefix(line_writer& w, const Impl::ShortPrefix&, message_iterator itr, int, char) {
     short_prefix(w, itr);
 }
 
