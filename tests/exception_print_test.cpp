@@ -97,15 +97,6 @@ TEST_F(ExceptionPrint, EveryReasonForAMissingThrowLocation) {
     EXPECT_EQ(section(no_frame), none + "Stack generation system error.\n");
     vrk_test::settings().capture_no_frame = false;
 
-    vrk_test::test_allocator fails_second;
-    fails_second.fail_at(1);
-    vrk_test::set_default_allocator(&fails_second);
-    {
-        exception no_buffer("f", 1, OPEN_FAILED, nullptr);
-        EXPECT_EQ(section(no_buffer), none + "Allocation of stack data failed.\n");
-    }
-    vrk_test::set_default_allocator(nullptr);
-
     set_code(suppressed, exception_node::PARAM_FAILED); // overwrites the stack code
     EXPECT_NE(section(suppressed).find(none + "Bad alloc.code: 1\n"), std::string::npos);
 

@@ -1,6 +1,6 @@
 // Message parameters: expansion rules to the byte in both sinks, the byte
 // sink's bounds, appended messages and where their arguments go, lookup
-// through chains, and allocation failures swept over every request.
+// through chains.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -237,66 +237,6 @@ TEST_F(MessageList, LookupWalksTheChainAndMarksWhatItVisits) {
         v = a.get_msgarg_by_name("ID");
         EXPECT_STREQ(v, "kept");
     }
-}
-
-// Every allocation index fails once: the documented code lands on the right
-// node, later arguments are dropped, and every byte comes back.
-TEST_F(MessageList, AllocationFailureAtEveryRequest) {
-    const char* const full_first = "m1 $A$ [B=2]";
-    bool completed = false;
-    for (long n = 0; !completed && n < 20; ++n) {
-        SCOPED_TRACE(n);
-        alloc_.reset_requests();
-        alloc_.fail_at(n);
-        const long failures_before = alloc_.failures();
-        {
-            exception e("f", 1, vrk::error_code{1, "m1 $A$", nullptr}, NO_STACK);
-            e.define_argument("B", "2", false);
-            e << vrk::error_message("g", 2, 3, "m2 $C$");
-            e.define_argument("C", "3", false);
-            e.append_message("h", 4, 5, "m3");
-            e.define_argument("D", "4", false);
-            completed = alloc_.failures() == failures_before;
-            if (e.data() == nullptr) {
-                EXPECT_EQ(n, 0);
-                continue;
-            }
-            std::vector<std::string> texts;
-            std::vector<int> codes;
-            for (vrk::message_iterator it = e.begin(); it != exception::end(); ++it) {
-                texts.push_back(by_buffer(*it));
-                codes.push_back(it->bad_alloc());
-            }
-            switch (n) {
-            case 1: // parameter B
-                EXPECT_EQ(texts, std::vector<std::string>{"m1 $A$"});
-                EXPECT_EQ(codes, std::vector<int>{exception_node::PARAM_FAILED});
-                break;
-            case 2: // second message
-                EXPECT_EQ(texts, std::vector<std::string>{full_first});
-                EXPECT_EQ(codes, std::vector<int>{exception_node::MESSAGE_FAILED});
-                break;
-            case 3: // parameter C
-                EXPECT_EQ(texts, (std::vector<std::string>{full_first, "m2 $C$"}));
-                EXPECT_EQ(codes, (std::vector<int>{4, exception_node::PARAM_FAILED}));
-                break;
-            case 4: // third message
-                EXPECT_EQ(texts, (std::vector<std::string>{full_first, "m2 3"}));
-                EXPECT_EQ(codes, (std::vector<int>{4, exception_node::MESSAGE_FAILED}));
-                break;
-            case 5: // parameter D
-                EXPECT_EQ(texts, (std::vector<std::string>{full_first, "m2 3", "m3"}));
-                EXPECT_EQ(codes, (std::vector<int>{4, 0, exception_node::PARAM_FAILED}));
-                break;
-            default:
-                EXPECT_TRUE(completed);
-                EXPECT_EQ(texts, (std::vector<std::string>{full_first, "m2 3", "m3 [D=4]"}));
-            }
-        }
-        EXPECT_EQ(alloc_.balance(), 0);
-    }
-    EXPECT_TRUE(completed);
-    alloc_.fail_never();
 }
 
 } // namespace
