@@ -70,16 +70,10 @@ TEST(StreambufBase, BulkTransfersCallTheVirtualsOnlyAtTheBoundary) {
     EXPECT_EQ(std::string(got, 5), "abcd\xc8");
     EXPECT_EQ(b.uflows, 2);
 
-    // The defaults of the base.
-    vrk::streambuf& base = b;
-    EXPECT_EQ(base.pubsync(), 0);
-    EXPECT_EQ(static_cast<vrk::streamoff>(base.pubseekoff(0, ios_base::cur)), -1);
-    EXPECT_EQ(static_cast<vrk::streamoff>(base.pubseekpos(3)), -1);
-    EXPECT_EQ(base.pubsetbuf(nullptr, 0), &base);
-    EXPECT_EQ(base.sgetc(), -1); // underflow's default
-    EXPECT_EQ(base.in_avail(), 0);
-    EXPECT_EQ(base.sputbackc('x'), -1); // no match before the cursor: pbackfail
-    EXPECT_EQ(base.sputbackc('d'), 'd');
+    // Put-back needs the same character before the cursor; otherwise the
+    // base's pbackfail refuses.
+    EXPECT_EQ(b.sputbackc('x'), -1);
+    EXPECT_EQ(b.sputbackc('d'), 'd');
 }
 
 TEST(BufferStream, CutsAt2047CharactersAndNeverAllocates) {
@@ -293,20 +287,12 @@ TEST(StringBuf, ACallersArrayIsNeverReplacedByStringStorage) {
     EXPECT_EQ(os.rdstate(), ios_base::badbit);
 }
 
-TEST_F(StringBufFailure, GrowthFailureIsAbsorbedOrRethrownWithoutLeaks) {
+TEST_F(StringBufFailure, GrowthFailureIsRethrownUnderBadbitWithoutLeaks) {
+    // Absorbed failures are swept centrally; here badbit is in the mask. The
+    // second growth fails and the text of the first survives.
     vrk_test::test_allocator alloc;
     {
-        alloc.fail_at(0);
-        vrk::osstream os(alloc);
-        os << "abc";
-        EXPECT_EQ(os.rdstate(), ios_base::badbit);
-        EXPECT_EQ(alloc.failures(), 1);
-        EXPECT_STREQ(os.c_str(), "");
-    }
-    {
-        // The second growth fails; the text of the first survives.
         alloc.fail_at(1);
-        alloc.reset_requests();
         vrk::osstream os(ios_base::out, ios_base::badbit, alloc);
         const std::string text(512, 'k');
         os << text.c_str();
