@@ -67,7 +67,7 @@ TEST_F(ExceptionLifecycle, ForgottenHookSeesWholeChainAndItsCopiesDoNotReportAga
     EXPECT_EQ(counters().forgotten, 1);
 }
 
-TEST_F(ExceptionLifecycle, AccessorsComparisonAndIdentity) {
+TEST_F(ExceptionLifecycle, ComparisonIdentityAndFileNames) {
     vrk::exception e("dir/a.cpp", 17, CODE5);
     e.mark_processed();
     vrk::exception c(e);
@@ -79,10 +79,6 @@ TEST_F(ExceptionLifecycle, AccessorsComparisonAndIdentity) {
     EXPECT_FALSE(e == other) << "equal contents, different blocks";
     EXPECT_TRUE(e.is_identified_by(OTHER5)) << "only the number counts";
     EXPECT_FALSE(e.is_identified_by(CODE6));
-    EXPECT_EQ(e.error_no(), 5);
-    EXPECT_EQ(e.line(), 17);
-    EXPECT_STREQ(e.file().get(), "dir/a.cpp");
-    EXPECT_STREQ(e.what(), "five");
 
     vrk_test::settings().basename_files = true;
     vrk::exception b("dir/sub/b.cpp", 3, CODE5);
@@ -152,11 +148,10 @@ template <class T> void expect_thrown_as(bool own_type) {
 }
 
 TEST_F(ExceptionLifecycle, EachClassIsThrownWithItsOwnType) {
-    expect_thrown_as<vrk::runtime_error>(true);
+    // The throw site's classes are checked with VRK_THROW; these two only
+    // here.
     expect_thrown_as<vrk::overflow_error>(true);
     expect_thrown_as<vrk::underflow_error>(true);
-    expect_thrown_as<vrk::rvalue_error>(true);
-    expect_thrown_as<vrk::logic_error>(false);
     EXPECT_EQ(counters().forgotten, 0);
 
     // Text constructors take the class's own registry number.

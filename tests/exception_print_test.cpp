@@ -49,16 +49,7 @@ const char* const LONG_TWO_NODES = "exception  1: no.1000123  (loader.src:120)\n
                                    "exception  1: no.1000456  (main.src:42)\n"
                                    "    Startup failed\n";
 
-TEST_F(ExceptionPrint, LongAndShortFormsOfTwoMessages) {
-    exception e = two_nodes();
-    EXPECT_EQ(long_form(e, true, true), LONG_TWO_NODES);
-    vrk::string short_form = e.what(alloc_, true);
-    EXPECT_STREQ(short_form.c_str(), "exception 1000123: Cannot open file config.ini\n"
-                                     "exception 1000456: Startup failed\n");
-    EXPECT_STREQ(e.what(), "Cannot open file config.ini") << "what() is the first message only";
-}
-
-TEST_F(ExceptionPrint, ThrowLocationSectionsAndNestedNotes) {
+TEST_F(ExceptionPrint, LongAndShortFormsWithThrowLocationSectionsAndNestedNotes) {
     exception e = two_nodes(nullptr); // the test host records 3 frames from address 0
     exception nested("io.src", 7, DISK_FULL, NO_STACK);
     set_code(nested, exception_node::PARAM_FAILED);
@@ -78,6 +69,7 @@ TEST_F(ExceptionPrint, ThrowLocationSectionsAndNestedNotes) {
               "exception 1000456: Startup failed\n"
               "exception 1000789: Disk full; \"Bad allocation in exception parameter\" (code:1)\n");
     EXPECT_TRUE(e.data()->done() && nested.data()->done()) << "every printed block is processed";
+    EXPECT_STREQ(e.what(), "Cannot open file config.ini") << "what() is the first message only";
 }
 
 TEST_F(ExceptionPrint, EveryReasonForAMissingThrowLocation) {
