@@ -83,8 +83,6 @@ TEST_F(MessageArgs, IntegersCharactersAndBooleans) {
         {render(msgrpl_int("V", -42)), "-42", true},
         {render(msgarg_int("V", -42, true)), "0xffffffd6", false},
         {render(msgarg_int("V", 0, true)), "0x0", false},
-        {render(msgarg_int("V", -1, true)), "0xffffffff", false},
-        {render(msgarg_int("V", INT_MIN)), "-2147483648", false},
         {render(msgarg_uint("V", UINT_MAX)), "4294967295", false},
         {render(msgrpl_uint("V", 4096u, true)), "0x1000", true},
         {render(msgarg_int64("V", LONG_MIN)), "-9223372036854775808", false},
@@ -110,13 +108,11 @@ TEST_F(MessageArgs, FloatingPointPointersAndTexts) {
     static const char TEXT[] = "a$b";
     char mutable_text[] = "AB";
     const void* const addr = reinterpret_cast<const void*>(uintptr_t{0x7f00dead12});
+    // Digits of doubles are compared with printf below; the rows check the
+    // argument's own part: NaN, the float widening, the longest texts.
     const row rows[] = {
         {render(msgarg_double("V", 0.1)), "0.1", false},
         {render(msgrpl_double("V", 1.0 / 3, true)), "0.333333333333", true},
-        {render(msgarg_double("V", 1e21)), "1e+21", false},
-        {render(msgarg_double("V", -123456789012.4)), "-123456789012", false},
-        {render(msgarg_double("V", 1234567890123.0)), "1.23456789012e+12", false},
-        {render(msgarg_double("V", -0.0)), "-0", false},
         {render(msgarg_double("V", -HUGE_VAL)), "-inf", false},
         {render(msgarg_double("V", std::nan(""))), "NaN", false},
         {render(msgarg_double("V", DBL_MAX)), "1.79769313486e+308", false},
