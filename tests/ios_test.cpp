@@ -218,50 +218,34 @@ TEST_F(IosMask, FailureOfAStateTheMaskCoversRaisesBasicIosClear) {
 }
 
 TEST(IosState, ShortWritesAndRefusedPaddingSetBadbit) {
-    {
-        scripted_buf buf(3);
+    struct short_write {
+        size_t cap;
+        void (*write)(vrk::ostream&);
+        const char* text;
+    };
+    const short_write cases[] = {
+        {3, [](vrk::ostream& os) { os << "abcdef"; }, "abc"},
+        // Right adjustment: the fill fails, so the text is skipped.
+        {2, [](vrk::ostream& os) { os << vrk::setw(4) << "ab"; }, "  "},
+        // Left adjustment: the text goes first, then the fill fails.
+        {3, [](vrk::ostream& os) { os << vrk::left << vrk::setw(4) << "ab"; }, "ab "},
+        // A refused character of an integer fails the facet's iterator.
+        {2, [](vrk::ostream& os) { os << 12345L; }, "12"},
+        {0, [](vrk::ostream& os) { os.put('x'); }, ""},
+        {1, [](vrk::ostream& os) { os.write("xy", 2); }, "x"},
+    };
+    for (const short_write& c : cases) {
+        SCOPED_TRACE(c.text);
+        scripted_buf buf(c.cap);
         vrk::ostream os(&buf);
-        os << "abcdef";
+        c.write(os);
+        EXPECT_EQ(buf.text(), c.text);
         EXPECT_EQ(os.rdstate(), ios_base::badbit);
-        EXPECT_EQ(buf.text(), "abc");
+        EXPECT_EQ(os.width(), 0);
+        // A bad stream fails the next write before it starts.
         os << "g";
         EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
-    }
-    {
-        // Right adjustment: the fill fails, so the text is skipped.
-        scripted_buf buf(2);
-        vrk::ostream os(&buf);
-        os << vrk::setw(4) << "ab";
-        EXPECT_EQ(buf.text(), "  ");
-        EXPECT_TRUE(os.bad());
-        EXPECT_EQ(os.width(), 0);
-    }
-    {
-        // Left adjustment: the text goes first, then the fill fails.
-        scripted_buf buf(3);
-        vrk::ostream os(&buf);
-        os << vrk::left << vrk::setw(4) << "ab";
-        EXPECT_EQ(buf.text(), "ab ");
-        EXPECT_TRUE(os.bad());
-    }
-    {
-        // A refused character of an integer fails the facet's iterator.
-        scripted_buf buf(2);
-        vrk::ostream os(&buf);
-        os << 12345L;
-        EXPECT_EQ(buf.text(), "12");
-        EXPECT_EQ(os.rdstate(), ios_base::badbit);
-    }
-    {
-        scripted_buf buf(0);
-        vrk::ostream os(&buf);
-        os.put('x');
-        EXPECT_TRUE(os.bad());
-        scripted_buf buf2(1);
-        vrk::ostream os2(&buf2);
-        os2.write("xy", 2);
-        EXPECT_TRUE(os2.bad());
-        EXPECT_EQ(buf2.text(), "x");
+        EXPECT_EQ(buf.text(), c.text);
     }
 }
 
