@@ -141,9 +141,11 @@ TEST_F(Serialize, ChainRoundTripKeepsTextsNumbersAndStacks) {
     EXPECT_EQ(long_form(*got), sent_long) << "messages expanded, stacks verbatim";
 
     // Numbers, lines, files and texts are in the long form; what it does not
-    // show is checked per block and node.
+    // show (stack sections print from their recorded text) is checked per
+    // block and node.
     std::vector<exception> keep;
     std::vector<const vrk::exception_node*> got_nodes;
+    std::vector<int> codes;
     for (exception x = *got; x.data() != nullptr; x = x.get_next()) {
         keep.push_back(x);
         EXPECT_EQ(x.stack_trace(nullptr), 0);
@@ -151,11 +153,13 @@ TEST_F(Serialize, ChainRoundTripKeepsTextsNumbersAndStacks) {
         EXPECT_EQ(x.data()->p_ma_, &vrk_test::default_test_allocator());
         for (auto it = x.begin(); it != exception::end(); ++it) {
             got_nodes.push_back(&*it);
+            codes.push_back(it->bad_alloc());
             EXPECT_EQ(it->first(), nullptr) << "parameters live only in the text";
         }
     }
     EXPECT_EQ(keep.size(), 3u);
     ASSERT_EQ(got_nodes.size(), 6u);
+    EXPECT_EQ(codes, (std::vector<int>{0, 0, vrk::exception_node::STACK_SUPPRESS, 0, 0, 0}));
     EXPECT_STREQ(got_nodes[0]->message(), "Cannot open config.ini");
     EXPECT_EQ(got_nodes[3]->file().get(), nullptr);
     EXPECT_STREQ(got_nodes[3]->message(), "");
