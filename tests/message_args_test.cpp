@@ -218,7 +218,7 @@ TEST(Dtoa, NeverWritesPastItsSize) {
     }
 }
 
-TEST_F(MessageArgs, NestedExceptionIsItsPrintedForm) {
+TEST_F(MessageArgs, NestedExceptionIsItsPrintedFormCutAt2047OrItsHook) {
     exception inner("inner.src", 7, vrk::error_code{55, "disk $D$ failed", nullptr}, NO_STACK);
     inner << vrk::msgarg_text("D", "sda");
     const std::string form = printed(inner);
@@ -239,16 +239,15 @@ TEST_F(MessageArgs, NestedExceptionIsItsPrintedForm) {
     again << vrk::msgrpl_exc("CAUSE", inner);
     EXPECT_EQ(again.get_msgarg_by_name("CAUSE"), form);
     EXPECT_TRUE(again.begin()->first()->force_);
-}
 
-TEST_F(MessageArgs, NestedExceptionIsCutAt2047AndUsesItsHook) {
+    // A long form is cut at 2047 characters; a print hook is used.
     const std::string long_text(3000, 'x');
-    exception inner("inner.src", 7, vrk::error_code{55, long_text.c_str(), nullptr}, NO_STACK);
-    const std::string form = printed(inner);
-    ASSERT_GT(form.size(), 2047u);
-    exception outer("outer.src", 9, CODE, NO_STACK);
-    outer << vrk::msgarg_exc("CAUSE", inner);
-    EXPECT_EQ(outer.get_msgarg_by_name("CAUSE"), form.substr(0, 2047));
+    exception big("inner.src", 7, vrk::error_code{55, long_text.c_str(), nullptr}, NO_STACK);
+    const std::string big_form = printed(big);
+    ASSERT_GT(big_form.size(), 2047u);
+    exception cut("outer.src", 9, CODE, NO_STACK);
+    cut << vrk::msgarg_exc("CAUSE", big);
+    EXPECT_EQ(cut.get_msgarg_by_name("CAUSE"), big_form.substr(0, 2047));
 
     inner.set_print_function([](const exception&, vrk::ostream& os) { os << "hooked"; });
     exception hooked("outer.src", 9, CODE, NO_STACK);
