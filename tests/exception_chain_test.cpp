@@ -9,8 +9,6 @@ namespace {
 using vrk::exception;
 using vrk::exception_data;
 using vrk_test::counters;
-using vrk_test::host_fixture;
-using vrk_test::test_allocator;
 
 const vrk::error_code A{1, "a", nullptr}, B{2, "b", nullptr}, C{3, "c", nullptr},
     D{4, "d", nullptr};

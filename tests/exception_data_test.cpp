@@ -9,8 +9,6 @@ namespace {
 
 using vrk::exception_data;
 using vrk::exception_node;
-using vrk_test::host_fixture;
-using vrk_test::test_allocator;
 
 const vrk::error_code CODE7{7, "seven chars", nullptr};
 

@@ -16,8 +16,6 @@
 namespace {
 
 using vrk::exception;
-using vrk_test::host_fixture;
-using vrk_test::test_allocator;
 
 const vrk::error_code CODE{4242, "message $V$", nullptr};
 const void* const NO_STACK = exception::CALLER_SUPPRESS_STACK_TRACE;

@@ -23,7 +23,6 @@
 namespace {
 
 using vrk::exception;
-using vrk_test::host_fixture;
 using vrk_test::test_allocator;
 
 constexpr int THREADS = 4;
