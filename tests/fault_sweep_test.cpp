@@ -98,6 +98,7 @@ TEST_F(FaultSweep, CreatingAndThrowingDegradesIntoCodesAndTheFallbackText) {
                 EXPECT_EQ(e.data(), nullptr);
                 EXPECT_EQ(std::string(e.what()), fallback_of(7, FILE_A, 42).substr(0, 164));
                 EXPECT_TRUE(e.begin() == e.end());
+                EXPECT_EQ(e.stack_trace(nullptr), 0);
                 EXPECT_EQ(long_form(e), fallback_of(7, FILE_A, 42));
                 EXPECT_EQ(short_form(e), fallback_of(7, FILE_A, 42));
             } else {

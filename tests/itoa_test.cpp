@@ -50,33 +50,15 @@ std::string bytes_of(std::string s) { return s; }
     check<T>(static_cast<T>(v), length, radix, width, ok, bytes_of(bytes), __LINE__)
 
 const long LMIN = std::numeric_limits<long>::min();
-const int IMIN = std::numeric_limits<int>::min();
 
-TEST(Itoa, CheckedConversionWritesExactTexts) {
-    ITOA_CASE(int, 0, 10, 10, 0, true, "0\0");
-    ITOA_CASE(int, 0, 10, 2, 0, true, "0\0");
-    ITOA_CASE(int, -5, 150, 10, 11, true, "000000000-5"); // padding in front of the sign
+TEST(Itoa, WidthsPadInFrontOfTheSign) {
+    // Plain texts of every type and radix are compared with std::to_chars
+    // below; these widths go beyond what that comparison pads.
+    ITOA_CASE(int, -5, 150, 10, 11, true, "000000000-5");
     ITOA_CASE(unsigned long, 0, 64, 16, 16, true, "0000000000000000");
-    ITOA_CASE(unsigned long, 255, 64, 16, 0, true, "ff\0");
-    ITOA_CASE(long, -1, 64, 16, 0, true, "ffffffffffffffff\0");
-    ITOA_CASE(int, -1, 64, 16, 0, true, "ffffffff\0");
-    ITOA_CASE(int, -1, 64, 8, 0, true, "37777777777\0");
-    ITOA_CASE(long, -1, 64, 8, 0, true, "1777777777777777777777\0");
-    ITOA_CASE(char, 200, 64, 10, 0, true, "200\0"); // plain char is unsigned
-    ITOA_CASE(char, 200, 64, 16, 0, true, "c8\0");
-    ITOA_CASE(char, 200, 64, 2, 0, true, "11001000\0");
     ITOA_CASE(unsigned int, 5, 10, 2, 4, true, "0101");
-    ITOA_CASE(unsigned long, ~0ul, 64, 36, 0, true, "3W5E11264SGSF\0");
-    ITOA_CASE(unsigned int, 0xabc, 64, 15, 0, true, "C33\0"); // upper case outside 16
-    ITOA_CASE(long, LMIN, 21, 10, 0, true, "-9223372036854775808\0");
-    ITOA_CASE(int, IMIN, 21, 10, 0, true, "-2147483648\0");
-    ITOA_CASE(long, LMIN, 64, 16, 0, true, "8000000000000000\0");
-    ITOA_CASE(unsigned long, 12345, 6, 10, 0, true, "12345\0"); // below the 21 reserved, but fits
     ITOA_CASE(int, 42, 100, 10, 99, true, std::string(97, '0') + "42");
-    // Negative values outside radix 8/10/16: a sign, counted like a digit.
-    ITOA_CASE(int, -5, 64, 2, 0, true, "-101\0");
-    ITOA_CASE(int, -5, 64, 2, 6, true, "00-101");
-    ITOA_CASE(long, -35, 64, 36, 0, true, "-Z\0");
+    ITOA_CASE(int, -5, 64, 2, 6, true, "00-101"); // outside 8/10/16 the sign counts as a digit
 }
 
 TEST(Itoa, NullResultLeavesTheClippedText) {
@@ -131,9 +113,6 @@ TEST(Itoa, WriteIntegerCountsAndWidths) {
         EXPECT_EQ(write_integer_backward<int>(0, b + 22, FmtFlags_hex), b + 21);
     });
     EXPECT_EQ(back, "1777777777777777777770");
-
-    EXPECT_STREQ(hexCharTable(false), "0123456789abcdefghijklmnopqrstuvwxyz");
-    EXPECT_STREQ(hexCharTable(true), "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ");
 
     char buf[66];
     std::fill_n(buf, sizeof buf, FILL);

@@ -16,8 +16,6 @@
 namespace {
 
 using vrk::exception;
-using vrk_test::host_fixture;
-using vrk_test::test_allocator;
 
 const vrk::error_code CODE{4242, "message $V$", nullptr};
 const void* const NO_STACK = exception::CALLER_SUPPRESS_STACK_TRACE;
@@ -83,8 +81,6 @@ TEST_F(MessageArgs, IntegersCharactersAndBooleans) {
         {render(msgrpl_int("V", -42)), "-42", true},
         {render(msgarg_int("V", -42, true)), "0xffffffd6", false},
         {render(msgarg_int("V", 0, true)), "0x0", false},
-        {render(msgarg_int("V", -1, true)), "0xffffffff", false},
-        {render(msgarg_int("V", INT_MIN)), "-2147483648", false},
         {render(msgarg_uint("V", UINT_MAX)), "4294967295", false},
         {render(msgrpl_uint("V", 4096u, true)), "0x1000", true},
         {render(msgarg_int64("V", LONG_MIN)), "-9223372036854775808", false},
@@ -110,13 +106,11 @@ TEST_F(MessageArgs, FloatingPointPointersAndTexts) {
     static const char TEXT[] = "a$b";
     char mutable_text[] = "AB";
     const void* const addr = reinterpret_cast<const void*>(uintptr_t{0x7f00dead12});
+    // Digits of doubles are compared with printf below; the rows check the
+    // argument's own part: NaN, the float widening, the longest texts.
     const row rows[] = {
         {render(msgarg_double("V", 0.1)), "0.1", false},
         {render(msgrpl_double("V", 1.0 / 3, true)), "0.333333333333", true},
-        {render(msgarg_double("V", 1e21)), "1e+21", false},
-        {render(msgarg_double("V", -123456789012.4)), "-123456789012", false},
-        {render(msgarg_double("V", 1234567890123.0)), "1.23456789012e+12", false},
-        {render(msgarg_double("V", -0.0)), "-0", false},
         {render(msgarg_double("V", -HUGE_VAL)), "-inf", false},
         {render(msgarg_double("V", std::nan(""))), "NaN", false},
         {render(msgarg_double("V", DBL_MAX)), "1.79769313486e+308", false},
@@ -178,14 +172,6 @@ TEST_F(MessageArgs, ArgumentsChainAndReplace) {
     char buf[64];
     const size_t n = e.begin()->expand(buf, sizeof buf);
     EXPECT_EQ(std::string(buf, n), "1 of 4");
-
-    // A failed parameter drops the arguments that follow it.
-    alloc_.fail_at(alloc_.requests() + 1);
-    exception f("f", 1, CODE, NO_STACK);
-    f << vrk::msgarg_int("A", 1) << vrk::msgarg_int("B", 2);
-    alloc_.fail_never();
-    EXPECT_EQ(f.begin()->bad_alloc(), vrk::exception_node::PARAM_FAILED);
-    EXPECT_EQ(f.begin()->first(), nullptr);
 }
 
 TEST(Dtoa, MatchesPrintfGeneralNotation) {
@@ -230,7 +216,7 @@ TEST(Dtoa, NeverWritesPastItsSize) {
     }
 }
 
-TEST_F(MessageArgs, NestedExceptionIsItsPrintedForm) {
+TEST_F(MessageArgs, NestedExceptionIsItsPrintedFormCutAt2047OrItsHook) {
     exception inner("inner.src", 7, vrk::error_code{55, "disk $D$ failed", nullptr}, NO_STACK);
     inner << vrk::msgarg_text("D", "sda");
     const std::string form = printed(inner);
@@ -251,16 +237,15 @@ TEST_F(MessageArgs, NestedExceptionIsItsPrintedForm) {
     again << vrk::msgrpl_exc("CAUSE", inner);
     EXPECT_EQ(again.get_msgarg_by_name("CAUSE"), form);
     EXPECT_TRUE(again.begin()->first()->force_);
-}
 
-TEST_F(MessageArgs, NestedExceptionIsCutAt2047AndUsesItsHook) {
+    // A long form is cut at 2047 characters; a print hook is used.
     const std::string long_text(3000, 'x');
-    exception inner("inner.src", 7, vrk::error_code{55, long_text.c_str(), nullptr}, NO_STACK);
-    const std::string form = printed(inner);
-    ASSERT_GT(form.size(), 2047u);
-    exception outer("outer.src", 9, CODE, NO_STACK);
-    outer << vrk::msgarg_exc("CAUSE", inner);
-    EXPECT_EQ(outer.get_msgarg_by_name("CAUSE"), form.substr(0, 2047));
+    exception big("inner.src", 7, vrk::error_code{55, long_text.c_str(), nullptr}, NO_STACK);
+    const std::string big_form = printed(big);
+    ASSERT_GT(big_form.size(), 2047u);
+    exception cut("outer.src", 9, CODE, NO_STACK);
+    cut << vrk::msgarg_exc("CAUSE", big);
+    EXPECT_EQ(cut.get_msgarg_by_name("CAUSE"), big_form.substr(0, 2047));
 
     inner.set_print_function([](const exception&, vrk::ostream& os) { os << "hooked"; });
     exception hooked("outer.src", 9, CODE, NO_STACK);

@@ -1,7 +1,7 @@
 // Serialization: exact bytes of the type header and body, round trips of
 // chains, the bad-pattern and hostile-input errors, leaks over every
-// truncation, flipped byte and failed allocation, and derived classes that
-// register their own creator.
+// truncation and flipped byte, and derived classes that register their own
+// creator.
 #include <cstring>
 #include <string>
 #include <vector>
@@ -140,38 +140,28 @@ TEST_F(Serialize, ChainRoundTripKeepsTextsNumbersAndStacks) {
     ASSERT_TRUE(got);
     EXPECT_EQ(long_form(*got), sent_long) << "messages expanded, stacks verbatim";
 
-    std::vector<const vrk::exception_node*> want_nodes, got_nodes;
+    // Numbers, lines, files and texts are in the long form; what it does not
+    // show (stack sections print from their recorded text) is checked per
+    // block and node.
     std::vector<exception> keep;
-    for (exception x = sent; x.data() != nullptr; x = x.get_next()) {
-        keep.push_back(x);
-        for (auto it = x.begin(); it != exception::end(); ++it)
-            want_nodes.push_back(&*it);
-    }
-    int blocks = 0;
-    for (exception x = *got; x.data() != nullptr; x = x.get_next(), ++blocks) {
+    std::vector<const vrk::exception_node*> got_nodes;
+    std::vector<int> codes;
+    for (exception x = *got; x.data() != nullptr; x = x.get_next()) {
         keep.push_back(x);
         EXPECT_EQ(x.stack_trace(nullptr), 0);
         EXPECT_FALSE(x.data()->stack());
         EXPECT_EQ(x.data()->p_ma_, &vrk_test::default_test_allocator());
-        for (auto it = x.begin(); it != exception::end(); ++it)
+        for (auto it = x.begin(); it != exception::end(); ++it) {
             got_nodes.push_back(&*it);
+            codes.push_back(it->bad_alloc());
+            EXPECT_EQ(it->first(), nullptr) << "parameters live only in the text";
+        }
     }
-    EXPECT_EQ(blocks, 3);
+    EXPECT_EQ(keep.size(), 3u);
     ASSERT_EQ(got_nodes.size(), 6u);
-    ASSERT_EQ(want_nodes.size(), 6u);
-    for (size_t i = 0; i < 6; ++i) {
-        SCOPED_TRACE(i);
-        const auto *w = want_nodes[i], *g = got_nodes[i];
-        EXPECT_EQ(g->error_no(), w->error_no());
-        EXPECT_EQ(g->line(), w->line());
-        EXPECT_EQ(g->bad_alloc(), w->bad_alloc());
-        if (w->file().get() == nullptr)
-            EXPECT_EQ(g->file().get(), nullptr);
-        else
-            EXPECT_STREQ(g->file().get(), w->file().get());
-        EXPECT_EQ(g->first(), nullptr) << "parameters live only in the text";
-    }
+    EXPECT_EQ(codes, (std::vector<int>{0, 0, vrk::exception_node::STACK_SUPPRESS, 0, 0, 0}));
     EXPECT_STREQ(got_nodes[0]->message(), "Cannot open config.ini");
+    EXPECT_EQ(got_nodes[3]->file().get(), nullptr);
     EXPECT_STREQ(got_nodes[3]->message(), "");
     EXPECT_STREQ(got->get_msgarg_by_name("FILE"), "");
     // The object takes its fallback fields from the first node, is not
@@ -288,7 +278,7 @@ TEST_F(Serialize, HostileLengthsAllocateNoMoreThanTheInput) {
     EXPECT_EQ(peak.balance(), 0);
 }
 
-TEST_F(Serialize, EveryTruncationFlipAndAllocationFailureLeavesNothingBehind) {
+TEST_F(Serialize, EveryTruncationAndFlippedByteLeavesNothingBehind) {
     auto& def = vrk_test::default_test_allocator();
     const bytes b = serialized(chain(), false);
     const long base = def.balance();
@@ -306,26 +296,6 @@ TEST_F(Serialize, EveryTruncationFlipAndAllocationFailureLeavesNothingBehind) {
             ASSERT_EQ(obj_alloc_.balance(), 0) << "flip at " << i;
         }
     EXPECT_EQ(def.bad_releases(), 0);
-
-    // Each allocation of the reader fails in turn: the allocator's error
-    // passes, nothing stays allocated.
-    int failures = 0;
-    for (long k = 0;; ++k) {
-        def.reset_requests();
-        def.fail_at(k);
-        bool failed = false;
-        try {
-            read(b)->mark_processed();
-        } catch (const std::bad_alloc&) {
-            failed = true;
-            ++failures;
-        }
-        def.fail_never();
-        ASSERT_EQ(def.balance(), base) << "failing request " << k;
-        if (!failed)
-            break;
-    }
-    EXPECT_GE(failures, 9) << "blocks, nodes, file names and stacks";
 }
 
 // A derived class that carries a port number in its type header.

