@@ -1,5 +1,4 @@
-// The guarded region of the stream operations: what happens to an exception
-// that leaves a stream buffer or facet.
+// The guarded region of the stream operations.
 #include "vrk/impl/stream_region.hpp"
 
 #include <cxxabi.h>
@@ -13,9 +12,11 @@ namespace vrk::impl {
 // A forced unwind carries no object, so the reference its handler binds is
 // null by design; the sanitizer's null-reference check is off for this one
 // function (it must not be a template for the attribute to hold).
-__attribute__((no_sanitize("null"))) bool absorb_in_region_(basic_ios<char>& s) {
+__attribute__((no_sanitize("null"))) bool run_stream_region(basic_ios<char>& s, void (*fn)(void*),
+                                                            void* ctx) {
     try {
-        throw;
+        fn(ctx);
+        return true;
     } catch (abi::__forced_unwind&) {
         s.set_state_quiet_(ios_base::badbit);
         throw;

@@ -8,24 +8,20 @@
 // else passes untouched. The region itself never allocates.
 #pragma once
 
+#include <type_traits>
+
 #include "vrk/ios.hpp"
 
 namespace vrk::impl {
 
-// Handles the exception in flight for the region of `s`: rethrows it, or
-// absorbs it and returns false. Only called from a handler.
-bool absorb_in_region_(basic_ios<char>& s);
+// Runs fn(ctx) inside the region; returns false when an exception left it
+// and was absorbed.
+bool run_stream_region(basic_ios<char>& s, void (*fn)(void*), void* ctx);
 
-// Runs f() inside the region; returns false when an exception left it and
-// was absorbed. The region is inline: on the way through, it costs nothing
-// but the call of f.
 template <class F> bool stream_region(basic_ios<char>& s, F&& f) {
-    try {
-        f();
-        return true;
-    } catch (...) {
-        return absorb_in_region_(s);
-    }
+    using fn_type = std::remove_reference_t<F>;
+    return run_stream_region(
+        s, [](void* p) { (*static_cast<fn_type*>(p))(); }, static_cast<void*>(&f));
 }
 
 } // namespace vrk::impl
