@@ -213,7 +213,16 @@ private:
                const void* caller) noexcept;
     void init_(const exception& a) noexcept;
     void swap_(exception& e) noexcept;
-    void release_() noexcept;
+    // Gives up this handle's reference; the chain goes when it was the last.
+    void release_() noexcept {
+        if (p_fst_ != nullptr && p_fst_->decrement())
+            release_chain_();
+    }
+    void release_chain_() noexcept;
+    // A copy and a destruction are two count changes and nothing else unless
+    // the handle is registered: inline, with the rest out of line.
+    bool registered_() const noexcept { return reinterpret_cast<uintptr_t>(p_next_reg_) != 1; }
+    void take_registration_(const exception& a) noexcept;
     exception_data* block_() const noexcept { return const_cast<exception_data*>(p_fst_); }
 
     template <class Prefix>
@@ -233,6 +242,24 @@ private:
     int err_no_;
     print_function f_print_;
 };
+
+inline exception::exception(const exception& a) noexcept
+    : p_fst_(a.p_fst_), p_next_reg_(reinterpret_cast<const exception*>(uintptr_t{1})),
+      p_lst_(a.p_lst_), file_(a.file_), line_(a.line_), err_no_(a.err_no_), f_print_(a.f_print_) {
+    if (p_fst_ != nullptr)
+        p_fst_->increment();
+    // The registration follows the copy: this is how the object thrown by
+    // do_throw stays registered while the original is destroyed.
+    if (a.registered_())
+        take_registration_(a);
+}
+
+inline exception::~exception() {
+    if (registered_())
+        unregister_on_thread();
+    p_lst_ = nullptr;
+    release_();
+}
 
 // Appends `add_exp` to `exp`'s chain; returns `exp`.
 exception& operator<<(exception& exp, const exception& add_exp) noexcept;

@@ -64,14 +64,9 @@ exception::exception(volatile exception_data* ptr) noexcept
 // The empty exception: no block, not registered.
 exception::exception() noexcept : exception(static_cast<volatile exception_data*>(nullptr)) {}
 
-exception::exception(const exception& a) noexcept : p_next_reg_(NOT_REGISTERED) {
-    init_(a);
-    // The registration follows the copy: this is how the object thrown by
-    // do_throw stays registered while the original is destroyed.
-    if (a.p_next_reg_ != NOT_REGISTERED) {
-        register_on_thread_();
-        a.unregister_on_thread();
-    }
+void exception::take_registration_(const exception& a) noexcept {
+    register_on_thread_();
+    a.unregister_on_thread();
 }
 
 exception::exception(const exception& a, sharing_copy_tag) noexcept : p_next_reg_(NOT_REGISTERED) {
@@ -134,17 +129,8 @@ exception& exception::operator=(const exception& a) noexcept {
 // ---------------------------------------------------------------------------
 // Release
 
-exception::~exception() {
-    if (p_next_reg_ != NOT_REGISTERED)
-        unregister_on_thread();
-    p_lst_ = nullptr;
-    release_();
-}
-
-void exception::release_() noexcept {
+void exception::release_chain_() noexcept {
     volatile exception_data* block = p_fst_;
-    if (block == nullptr || !block->decrement())
-        return;
     if (!block->done()) {
         // Copies the host makes while looking at it must not release the
         // block a second time: give them a count to take from.
