@@ -99,6 +99,29 @@ protected:
         for (auto& th : threads)
             th.join();
     }
+
+    static constexpr int APPENDERS = 2, EACH = 4;
+
+    // The first APPENDERS threads append EACH numbered exceptions each to
+    // the chain of `head`, through handles of their own; every other thread
+    // calls observe(t, handle) until it has run once after all appends.
+    template <class F> static void append_while_observing(const exception& head, F observe) {
+        std::atomic<int> appenders_done{0};
+        run_threads([&](int t) {
+            exception mine(head);
+            if (t < APPENDERS) {
+                append_numbered(mine, t, EACH);
+                appenders_done.fetch_add(1);
+            } else {
+                bool last = false;
+                while (!last) {
+                    last = appenders_done.load() == APPENDERS;
+                    observe(t, mine);
+                }
+            }
+            mine.mark_processed();
+        });
+    }
 };
 
 TEST_F(ChainStress, CopyAndDropSharedBlocks) {
@@ -210,26 +233,13 @@ TEST_F(ChainStress, WalkersSeeAPrefixWhileHandlesAreDropped) {
 TEST_F(ChainStress, WalkersAndPrintersSeeAPrefixWhileOthersAppend) {
     for (stress_budget b("walk_and_print_while_appending"); b.next();) {
         auto* head = new exception("f", 0, code_for(0), NO_STACK);
-        constexpr int APPENDERS = 2, EACH = 4;
         std::vector<std::vector<int>> walks[THREADS];
         std::vector<std::string> prints[THREADS];
-        std::atomic<int> appenders_done{0};
-        run_threads([&](int t) {
-            exception mine(*head);
-            if (t < APPENDERS) {
-                append_numbered(mine, t, EACH);
-                appenders_done.fetch_add(1);
-            } else {
-                test_allocator out;
-                bool last = false;
-                while (!last) {
-                    last = appenders_done.load() == APPENDERS;
-                    walks[t].push_back(walk(mine));
-                    vrk::string text = mine.what(out, true);
-                    prints[t].emplace_back(text.c_str());
-                }
-            }
-            mine.mark_processed();
+        append_while_observing(*head, [&](int t, const exception& mine) {
+            test_allocator out;
+            walks[t].push_back(walk(mine));
+            vrk::string text = mine.what(out, true);
+            prints[t].emplace_back(text.c_str());
         });
         const std::vector<int> final_order = walk(*head);
         ASSERT_EQ(final_order.size(), size_t{1 + APPENDERS * EACH});
@@ -282,29 +292,16 @@ TEST_F(ChainStress, TheLastHandleDroppedInAnyThreadReportsEachHeadOnce) {
 TEST_F(ChainStress, SerializingAChainWhileOthersAppendWritesAPrefix) {
     for (stress_budget b("serialize_while_appending"); b.next();) {
         auto* head = new exception("f", 0, code_for(0), NO_STACK);
-        constexpr int APPENDERS = 2, EACH = 4;
         std::vector<std::vector<int>> reads[THREADS];
-        std::atomic<int> appenders_done{0};
-        run_threads([&](int t) {
-            exception mine(*head);
-            if (t < APPENDERS) {
-                append_numbered(mine, t, EACH);
-                appenders_done.fetch_add(1);
-            } else {
-                test_allocator out;
-                bool last = false;
-                while (!last) {
-                    last = appenders_done.load() == APPENDERS;
-                    vrk::osstream os(out);
-                    mine.serialize(os, true);
-                    vrk::string bytes = os.str();
-                    vrk::isstream is(bytes.data(), bytes.size(), out);
-                    auto copy = exception::deserialize(is, out);
-                    reads[t].push_back(walk(*copy));
-                    copy->mark_processed();
-                }
-            }
-            mine.mark_processed();
+        append_while_observing(*head, [&](int t, const exception& mine) {
+            test_allocator out;
+            vrk::osstream os(out);
+            mine.serialize(os, true);
+            vrk::string bytes = os.str();
+            vrk::isstream is(bytes.data(), bytes.size(), out);
+            auto copy = exception::deserialize(is, out);
+            reads[t].push_back(walk(*copy));
+            copy->mark_processed();
         });
         const std::vector<int> final_order = walk(*head);
         for (int t = APPENDERS; t < THREADS; ++t) {
