@@ -1,6 +1,7 @@
 // The default host, linked as a product links it (vrk::vrk): stack capture
 // from the caller's frame, per-thread registration, reports on the error
 // output, and aborts.
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -46,15 +47,68 @@ TEST(DefaultHost, RegistrationHeadIsPerThread) {
     EXPECT_EQ(vrk::exception::get_first_registered(), nullptr);
 }
 
+// Destructors that run at exit, after the thread's own thread_locals (a
+// static) or after what the thread set up later (the first thread_local of a
+// thread), throw and catch.
+struct throws_when_destroyed {
+    ~throws_when_destroyed() {
+        try {
+            VRK_THROW(vrk::runtime_error, CODE);
+        } catch (const vrk::exception& e) {
+            e.mark_processed();
+        }
+        if (vrk::exception::get_first_registered() != nullptr)
+            std::_Exit(3);
+    }
+};
+
+TEST(DefaultHost, DestructorsAtExitThrowAndCatch) {
+    EXPECT_EXIT(
+        {
+            static throws_when_destroyed at_exit;
+            std::thread([] {
+                thread_local throws_when_destroyed first;
+                (void)&first;
+                throws_when_destroyed now;
+            }).join();
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST(DefaultHost, ForgottenExceptionIsNotedOnTheErrorOutput) {
+    const vrk::error_code with_arg{22, "$WHAT$ failed", nullptr};
+    const std::string long_name(600, 'd');
     testing::internal::CaptureStderr();
     { vrk::exception e("dir/file.cpp", 5, CODE); }
-    const std::string out = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(out, "vrk: exception 21 thrown at dir/file.cpp:5 was never looked at: default host\n");
+    {
+        vrk::exception e("dir/file.cpp", 6, with_arg);
+        e.define_argument("WHAT", "open", false);
+        e.append_message("dir/file.cpp", 7, 23, "then $N$");
+        e.define_argument("N", "7", false);
+    }
+    { vrk::exception e(long_name.c_str(), 8, CODE); } // cut in its head
+    {
+        vrk::exception e("f", 9, with_arg);
+        e.define_argument("WHAT", long_name.c_str(), false); // cut in the text
+    }
+    std::istringstream out(testing::internal::GetCapturedStderr());
+    const std::string head = " was never looked at (print it or call mark_processed()): ";
+    std::string line;
+    ASSERT_TRUE(std::getline(out, line));
+    EXPECT_EQ(line, "vrk: exception 21 created at dir/file.cpp:5" + head + "default host");
+    ASSERT_TRUE(std::getline(out, line));
+    EXPECT_EQ(line, "vrk: exception 22 created at dir/file.cpp:6" + head + "open failed / then 7");
+    ASSERT_TRUE(std::getline(out, line)) << "a cut note still ends its line";
+    EXPECT_EQ(line, ("vrk: exception 21 created at " + long_name).substr(0, 510));
+    ASSERT_TRUE(std::getline(out, line));
+    EXPECT_EQ(line, ("vrk: exception 22 created at f:9" + head + long_name).substr(0, 510));
+    EXPECT_FALSE(std::getline(out, line));
 }
 
 TEST(DefaultHost, AbortsReportAndEndTheProcess) {
-    EXPECT_DEATH(vrk_extern::import::abort("some/file", 12, "Broken"), "vrk abort: some/file:12: Broken");
+    EXPECT_DEATH(vrk_extern::import::abort("some/file", 12, "Broken"),
+                 "vrk abort: some/file:12: Broken");
     EXPECT_DEATH(vrk_extern::import::abort("some/file", 13, "Unexpected link, aborting: ", 1L),
                  "vrk abort: some/file:13: Unexpected link, aborting: 1");
 }

@@ -5,9 +5,9 @@
 // call-frame information, or the unwinder of the language runtime where the
 // walk gives up (never resolving symbols and never allocating on the capture
 // path); forgotten exceptions are noted on the error output; each
-// thread's registration head lives in a thread-local callback object; aborts
-// report to the error output and end the process; the default allocator is
-// the platform heap.
+// thread's registration head lives in trivially destructible thread-local
+// state; aborts report to the error output and end the process; the default
+// allocator is the platform heap.
 #include <cxxabi.h>
 #include <dlfcn.h>
 #include <unistd.h>
@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <type_traits>
 
 #include "vrk/exception.hpp"
 #include "vrk/ext/heap_allocator.hpp"
@@ -38,11 +39,19 @@ void write_error_output(const char* text, size_t len) noexcept {
     }
 }
 
-// Writes what snprintf formatted into a buffer of `cap` bytes (it returns
-// the untruncated length, or a negative value on error).
-void write_formatted(const char* text, int n, size_t cap) noexcept {
-    if (n > 0)
-        write_error_output(text, static_cast<size_t>(n) < cap ? static_cast<size_t>(n) : cap - 1);
+// Writes a note of `len` characters formatted into a buffer of `cap` bytes
+// (`len` may exceed what fitted, as snprintf's result does; negative: an
+// error). A note cut at the buffer still ends its line, so that the next
+// line of the error output starts on a line of its own.
+void write_note(char* text, int len, size_t cap) noexcept {
+    if (len <= 0)
+        return;
+    size_t n = static_cast<size_t>(len);
+    if (n >= cap) {
+        n = cap - 1;
+        text[n - 1] = '\n';
+    }
+    write_error_output(text, n);
 }
 
 // --- stack capture ---------------------------------------------------------
@@ -102,6 +111,17 @@ struct unwinder_warm_up {
 
 // --- per-thread registration head -------------------------------------------
 
+// Destructors of statics and of thread_locals that run late at exit may
+// still throw and catch exceptions, which register on the thread: what they
+// reach must not have been destroyed before them. So the head lives in
+// trivially destructible thread-local state and the callback object, which
+// holds none, is never destroyed.
+struct thread_state {
+    const vrk::exception* head_;
+};
+static_assert(std::is_trivially_destructible_v<thread_state>);
+constinit thread_local thread_state t_state{nullptr};
+
 class default_unhandled final : public vrk_extern::unhandled {
 public:
     void unhandled_exception(const vrk::exception& e) override {
@@ -109,23 +129,28 @@ public:
         const int n = std::snprintf(line, sizeof line,
                                     "vrk: exception %d (%s:%d) was not registered on this thread\n",
                                     e.error_no(), e.file().get() ? e.file().get() : "?", e.line());
-        write_formatted(line, n, sizeof line);
+        write_note(line, n, sizeof line);
     }
     bool is_test_handler() override { return false; }
     void add_recent_exception(const vrk::exception&) override {}
-    void register_exception(const vrk::exception& e) override { head_ = &e; }
-    void unregister_exception(const vrk::exception&) override { head_ = nullptr; }
-    const vrk::exception* get_registered_exception() override { return head_; }
+    void register_exception(const vrk::exception& e) override { t_state.head_ = &e; }
+    void unregister_exception(const vrk::exception&) override { t_state.head_ = nullptr; }
+    const vrk::exception* get_registered_exception() override { return t_state.head_; }
     void abort(const char* file, int line, const char* msg) override {
         vrk_extern::import::abort(file, line, msg);
     }
     void halt(const char* file, int line, const char* msg) override {
         vrk_extern::import::abort(file, line, msg);
     }
-
-private:
-    const vrk::exception* head_ = nullptr;
 };
+
+// Storage whose destructor leaves the object alone.
+union callback_storage {
+    default_unhandled callback_;
+    constexpr callback_storage() : callback_() {}
+    ~callback_storage() {}
+};
+constinit callback_storage g_callback;
 
 } // namespace
 
@@ -171,24 +196,53 @@ void vrk_extern::import::print_stack_trace(vrk::ostream* os, void** frames, unsi
 
 void vrk_extern::import::caught_exception(const vrk::exception&) {}
 
+// One line: where the exception was created (whether it was ever thrown is
+// not known here), how to keep the note away, and its messages expanded and
+// separated by " / ", cut where the buffer ends. Reads the nodes directly
+// (iterating would mark the block processed); expanding into the buffer
+// allocates nothing.
 void vrk_extern::import::forgotten_exception(const vrk::exception& e) noexcept {
     char line[512];
+    // Room for the line end, and as long as a note cut by write_note.
+    constexpr size_t cap = sizeof line - 2;
     const char* file = e.file().get();
-    const int n = std::snprintf(line, sizeof line,
-                                "vrk: exception %d thrown at %s:%d was never looked at: %s\n",
-                                e.error_no(), file != nullptr ? file : "?", e.line(), e.what());
-    write_formatted(line, n, sizeof line);
+    const int head = std::snprintf(line, sizeof line,
+                                   "vrk: exception %d created at %s:%d was never looked at (print "
+                                   "it or call mark_processed()): ",
+                                   e.error_no(), file != nullptr ? file : "?", e.line());
+    if (head <= 0 || static_cast<size_t>(head) >= cap) {
+        write_note(line, head, sizeof line);
+        return;
+    }
+    size_t used = static_cast<size_t>(head);
+    auto append = [&](const char* text, size_t len) {
+        len = len < cap - used ? len : cap - used;
+        std::memcpy(line + used, text, len);
+        used += len;
+    };
+    const auto* block = const_cast<const vrk::exception_data*>(e.data());
+    if (block == nullptr) {
+        const char* text = e.what(); // the fallback text
+        append(text, std::strlen(text));
+    }
+    for (const vrk::exception_node* node = block != nullptr ? &block->node_ : nullptr;
+         node != nullptr && used < cap; node = node->next()) {
+        if (node != &block->node_)
+            append(" / ", 3);
+        used += node->expand(line + used, cap - used);
+    }
+    line[used++] = '\n';
+    write_error_output(line, used);
 }
 
 vrk_extern::unhandled* vrk_extern::import::get_unhandled_callback() noexcept {
-    thread_local default_unhandled callback;
-    return &callback;
+    return &g_callback.callback_;
 }
 
 void vrk_extern::import::abort(const char* file, int line, const char* msg) noexcept {
     char text[512];
     const int n = std::snprintf(text, sizeof text, "vrk abort: %s:%d: %s\n", file, line, msg);
-    write_formatted(text, n, sizeof text);
+    write_note(text, n, sizeof text);
     std::abort();
 }
 
@@ -196,7 +250,7 @@ void vrk_extern::import::abort(const char* file, int line, const char* msg, long
     char text[512];
     const int n =
         std::snprintf(text, sizeof text, "vrk abort: %s:%d: %s%ld\n", file, line, msg, value);
-    write_formatted(text, n, sizeof text);
+    write_note(text, n, sizeof text);
     std::abort();
 }
 
