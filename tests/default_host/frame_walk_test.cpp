@@ -1,17 +1,25 @@
 // The default host's fast stack walk records exactly the frames the runtime's
 // unwinder records: from the caller's frame, through frames addressed by the
 // stack pointer and by the frame pointer (a variable-size frame), with the
-// rule table cold and warm, in several threads at once.
+// rule table cold and warm, in several threads at once; and, through the
+// default host's capture, past a signal frame the walk cannot read and across
+// a library unloaded and replaced by another at the same address.
 #include <alloca.h>
+#include <dlfcn.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <unwind.h>
 
+#include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "vrk/exception.hpp"
 #include "vrk/host/frame_walk.hpp"
 
 namespace {
@@ -137,6 +145,96 @@ TEST(FrameWalk, ThreadsWalkAtOnce) {
     for (auto& th : threads)
         th.join();
     EXPECT_EQ(mismatches.load(), 0);
+}
+
+// An exception created here, with its frames from the one behind this
+// function on, and the unwinder's frames from there.
+struct created_here {
+    std::vector<void*> stack;
+    std::vector<void*> unwound;
+};
+
+__attribute__((noinline)) int create_exception(void* out) {
+    const vrk::error_code code{31, "walk", nullptr};
+    vrk::exception e("f", 1, code);
+    e.mark_processed();
+    void** frames = nullptr;
+    const int n = e.stack_trace(&frames);
+    auto* r = static_cast<created_here*>(out);
+    if (n < 2)
+        return 0;
+    r->stack.assign(frames + 1, frames + n);
+    void* ref[32];
+    reference_state s{ref, 31, 0, frames[1], false};
+    _Unwind_Backtrace(collect, &s);
+    r->unwound.assign(ref, ref + s.count);
+    return 0;
+}
+
+// A signal restorer without call-frame information (the unwinder knows it
+// by its code), installed with the raw system call that takes it.
+extern "C" void vrk_test_restorer();
+asm(R"(
+    .text
+    nop
+vrk_test_restorer:
+    movq $15, %rax
+    syscall
+)");
+
+created_here g_in_handler;
+const void* g_raised_from = nullptr;
+
+void on_signal(int) { create_exception(&g_in_handler); }
+
+__attribute__((noinline)) void raise_here() {
+    g_raised_from = __builtin_return_address(0);
+    raise(SIGUSR2);
+    asm volatile("" ::: "memory"); // no tail call
+}
+
+TEST(FrameWalk, CaptureGoesOnPastASignalFrame) {
+    struct kernel_sigaction {
+        void (*handler)(int);
+        unsigned long flags;
+        void (*restorer)();
+        unsigned long mask;
+    } action{on_signal, 0x04000000 /* SA_RESTORER */, vrk_test_restorer, 0}, old{};
+    ASSERT_EQ(syscall(SYS_rt_sigaction, SIGUSR2, &action, &old, sizeof action.mask), 0);
+    raise_here();
+    syscall(SYS_rt_sigaction, SIGUSR2, &old, nullptr, sizeof old.mask);
+    const auto& r = g_in_handler;
+    EXPECT_EQ(r.stack, r.unwound);
+    EXPECT_NE(std::find(r.stack.begin(), r.stack.end(), g_raised_from), r.stack.end())
+        << "the function that raised the signal is on the recorded stack";
+}
+
+TEST(FrameWalk, LibraryReplacedAtTheSameAddress) {
+    using call_fn = int (*)(int (*)(void*), void*);
+    void* first_base = nullptr;
+    for (const char* path : {VRK_RELOAD_A, VRK_RELOAD_B}) {
+        void* lib = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(lib, nullptr) << dlerror();
+        const auto call = reinterpret_cast<call_fn>(dlsym(lib, "vrk_reload_call"));
+        Dl_info info{};
+        ASSERT_TRUE(call != nullptr && dladdr(reinterpret_cast<void*>(call), &info) != 0);
+        if (first_base == nullptr)
+            first_base = info.dli_fbase;
+        if (info.dli_fbase != first_base) {
+            dlclose(lib);
+            GTEST_SKIP() << "the loader put the second build at another address";
+        }
+        for (int round = 0; round < 2; ++round) { // cold, then from the rule table
+            created_here r;
+            call(create_exception, &r);
+            ASSERT_GE(r.stack.size(), 2u);
+            Dl_info frame{};
+            EXPECT_TRUE(dladdr(r.stack[0], &frame) != 0 && frame.dli_fbase == first_base)
+                << "the frame in the library comes first";
+            EXPECT_EQ(r.stack, r.unwound) << path << ", round " << round;
+        }
+        dlclose(lib);
+    }
 }
 
 } // namespace

@@ -2,6 +2,10 @@
 // return address, kept in a fixed table of packed rules.
 #include "vrk/host/frame_walk.hpp"
 
+#include <fcntl.h>
+#include <link.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -95,6 +99,29 @@ bool cached(uintptr_t pc, frame_rule* r) {
         return false;
     unpack(word & RULE_MASK, r);
     return true;
+}
+
+// The rules belong to the objects loaded when they were read: once one is
+// unloaded, another may take its addresses with different code. The dynamic
+// linker counts unloads; when the count moves, every rule goes. A walk that
+// found the count unchanged may still be storing rules, but only for code on
+// its own stack, which is loaded.
+std::atomic<unsigned long long> g_unloads_seen{0};
+
+int read_unloads(dl_phdr_info* info, size_t size, void* arg) {
+    if (size >= offsetof(dl_phdr_info, dlpi_subs) + sizeof info->dlpi_subs)
+        *static_cast<unsigned long long*>(arg) = info->dlpi_subs;
+    return 1; // the counters are the same in every entry: one is enough
+}
+
+void forget_unloaded_rules() {
+    unsigned long long unloads = 0;
+    dl_iterate_phdr(read_unloads, &unloads);
+    if (unloads == g_unloads_seen.load(std::memory_order_acquire))
+        return;
+    for (auto& word : g_rules)
+        word.store(0, std::memory_order_relaxed);
+    g_unloads_seen.store(unloads, std::memory_order_release);
 }
 
 void remember(uintptr_t pc, const frame_rule& r) {
@@ -486,6 +513,73 @@ lookup find_rule(uintptr_t pc, frame_rule* rule) {
 // Frames larger than this are taken for a broken rule.
 constexpr uintptr_t MAX_FRAME = uintptr_t{1} << 20;
 
+// --- the thread's stack ------------------------------------------------------
+//
+// The walk reads saved words only inside the mapping that holds the stack
+// pointer it starts from, so a wrong rule ends in the unwinder, never in a
+// fault. The mapping is found once per thread in /proc/self/maps, read with
+// plain system calls into a buffer on the stack (nothing allocated); the
+// state stays trivially destructible so that walks from exit-time
+// destructors still find it.
+struct stack_range {
+    uintptr_t lo_;
+    uintptr_t hi_;
+};
+constinit thread_local stack_range t_stack{0, 0};
+
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    return -1;
+}
+
+// Lines read "lo-hi perms ...": only the two addresses matter.
+bool find_mapping(uintptr_t sp, stack_range* out) {
+    const int fd = ::open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    char buf[1024];
+    uintptr_t bounds[2] = {0, 0};
+    int field = 0; // 0, 1: reading lo, hi; 2: the rest of the line
+    bool found = false;
+    ssize_t n;
+    while (!found && (n = ::read(fd, buf, sizeof buf)) > 0) {
+        for (ssize_t i = 0; i < n && !found; ++i) {
+            const char c = buf[i];
+            if (c == '\n') {
+                found = field == 2 && bounds[0] <= sp && sp < bounds[1];
+                if (!found)
+                    bounds[0] = bounds[1] = 0;
+                field = 0;
+            } else if (field < 2) {
+                const int d = hex_digit(c);
+                if (d >= 0)
+                    bounds[field] = bounds[field] << 4 | static_cast<uintptr_t>(d);
+                else
+                    ++field;
+            }
+        }
+    }
+    ::close(fd);
+    if (found)
+        *out = stack_range{bounds[0], bounds[1]};
+    return found;
+}
+
+// The stack that holds `sp`, cached for the thread; false when unknown.
+bool stack_of(uintptr_t sp, stack_range* range) {
+    if (sp < t_stack.lo_ || sp >= t_stack.hi_) {
+        // First walk of the thread, a stack grown down, or another stack
+        // (a signal stack).
+        if (!find_mapping(sp, &t_stack))
+            return false;
+    }
+    *range = t_stack;
+    return true;
+}
+
 #endif // __x86_64__
 
 } // namespace
@@ -505,6 +599,10 @@ walk_stack(void** frames, unsigned max_frames, const void* caller, unsigned* cou
                  "movq %%rsp, %1\n\t"
                  "movq %%rbp, %2"
                  : "=r"(pc), "=r"(sp), "=r"(bp));
+    forget_unloaded_rules();
+    stack_range stack;
+    if (!stack_of(sp, &stack))
+        return walk_result::give_up;
     bool started = caller == nullptr;
     unsigned skipped = 0;
     unsigned n = 0;
@@ -516,19 +614,16 @@ walk_stack(void** frames, unsigned max_frames, const void* caller, unsigned* cou
         case lookup::found:
             break;
         case lookup::no_fde:
-            // Code without unwind information ends the stack, as it does for
-            // the runtime's unwinder; this function's own frame always has it.
-            if (first)
-                return walk_result::give_up;
-            *count = n;
-            return walk_result::done;
+            // Code without unwind information: the runtime's unwinder may
+            // still go on (a signal restorer it recognises by its code).
         case lookup::unsupported:
             return walk_result::give_up;
         }
         if (rule.ra_undefined_)
             break;
         const uintptr_t cfa = (rule.cfa_rbp_ ? bp : sp) + static_cast<uintptr_t>(rule.cfa_off_);
-        if (cfa <= sp || cfa - sp > MAX_FRAME)
+        if (cfa <= sp || cfa - sp > MAX_FRAME || cfa > stack.hi_ ||
+            (rule.rbp_saved_ && cfa + static_cast<uintptr_t>(rule.rbp_off_) < sp))
             return walk_result::give_up;
         if (rule.rbp_saved_)
             bp = *reinterpret_cast<const uintptr_t*>(cfa + static_cast<uintptr_t>(rule.rbp_off_));

@@ -5,10 +5,11 @@
 // from the stack or frame pointer, return address just below it, frame
 // pointer saved at a fixed offset or not at all), and remembers the rule of
 // every return address in a fixed table, so a repeated capture costs one
-// table look-up per frame. Never allocates, locks or resolves symbols; gives
-// up on anything else so that the caller can use the full unwinder. The
-// table is never emptied: a product that unloads a library and then runs
-// other code at the same addresses must bring its own capture hook.
+// table look-up per frame. Never allocates or resolves symbols; takes only
+// the dynamic linker's lock, to learn whether a library was unloaded since
+// the rules were read (they are all dropped then). Reads nothing outside the
+// thread's stack, and gives up on anything else (a frame without unwind
+// information included) so that the caller can use the full unwinder.
 #pragma once
 
 namespace vrk_host {
