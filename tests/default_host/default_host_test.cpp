@@ -79,6 +79,9 @@ TEST(DefaultHost, DestructorsAtExitThrowAndCatch) {
 TEST(DefaultHost, ForgottenExceptionIsNotedOnTheErrorOutput) {
     const vrk::error_code with_arg{22, "$WHAT$ failed", nullptr};
     const std::string long_name(600, 'd');
+    const std::string head = " was never looked at (print it or call mark_processed()): ";
+    // A name that leaves no room for the message: the head fills the line.
+    const std::string edge_name(510 - ("vrk: exception 21 created at :8" + head).size(), 'd');
     testing::internal::CaptureStderr();
     { vrk::exception e("dir/file.cpp", 5, CODE); }
     {
@@ -87,22 +90,28 @@ TEST(DefaultHost, ForgottenExceptionIsNotedOnTheErrorOutput) {
         e.append_message("dir/file.cpp", 7, 23, "then $N$");
         e.define_argument("N", "7", false);
     }
-    { vrk::exception e(long_name.c_str(), 8, CODE); } // cut in its head
+    { vrk::exception e(edge_name.c_str(), 8, CODE); }
     {
         vrk::exception e("f", 9, with_arg);
         e.define_argument("WHAT", long_name.c_str(), false); // cut in the text
     }
+    {
+        vrk::exception e(long_name.c_str(), 10, CODE);
+        e.mark_processed();
+        vrk_extern::import::get_unhandled_callback()->unhandled_exception(e);
+    }
     std::istringstream out(testing::internal::GetCapturedStderr());
-    const std::string head = " was never looked at (print it or call mark_processed()): ";
     std::string line;
     ASSERT_TRUE(std::getline(out, line));
     EXPECT_EQ(line, "vrk: exception 21 created at dir/file.cpp:5" + head + "default host");
     ASSERT_TRUE(std::getline(out, line));
     EXPECT_EQ(line, "vrk: exception 22 created at dir/file.cpp:6" + head + "open failed / then 7");
     ASSERT_TRUE(std::getline(out, line)) << "a cut note still ends its line";
-    EXPECT_EQ(line, ("vrk: exception 21 created at " + long_name).substr(0, 510));
+    EXPECT_EQ(line, "vrk: exception 21 created at " + edge_name + ":8" + head);
     ASSERT_TRUE(std::getline(out, line));
     EXPECT_EQ(line, ("vrk: exception 22 created at f:9" + head + long_name).substr(0, 510));
+    ASSERT_TRUE(std::getline(out, line));
+    EXPECT_EQ(line, ("vrk: exception 21 (" + long_name).substr(0, 254));
     EXPECT_FALSE(std::getline(out, line));
 }
 

@@ -114,8 +114,8 @@ struct unwinder_warm_up {
 // Destructors of statics and of thread_locals that run late at exit may
 // still throw and catch exceptions, which register on the thread: what they
 // reach must not have been destroyed before them. So the head lives in
-// trivially destructible thread-local state and the callback object, which
-// holds none, is never destroyed.
+// trivially destructible thread-local state, and the callback object (which
+// holds none) and the default allocator are never destroyed.
 struct thread_state {
     const vrk::exception* head_;
 };
@@ -144,13 +144,15 @@ public:
     }
 };
 
-// Storage whose destructor leaves the object alone.
-union callback_storage {
-    default_unhandled callback_;
-    constexpr callback_storage() : callback_() {}
-    ~callback_storage() {}
+// Storage for an object of the host that is never destroyed: exceptions
+// made by destructors that run late at exit still reach it.
+template <class T> union never_destroyed {
+    T object_;
+    constexpr never_destroyed() : object_() {}
+    ~never_destroyed() {}
 };
-constinit callback_storage g_callback;
+constinit never_destroyed<default_unhandled> g_callback;
+constinit never_destroyed<vrk::heap_allocator> g_heap;
 
 } // namespace
 
@@ -203,18 +205,16 @@ void vrk_extern::import::caught_exception(const vrk::exception&) {}
 // allocates nothing.
 void vrk_extern::import::forgotten_exception(const vrk::exception& e) noexcept {
     char line[512];
-    // Room for the line end, and as long as a note cut by write_note.
+    // Room for the line end; a cut note is as long as one cut by write_note.
     constexpr size_t cap = sizeof line - 2;
     const char* file = e.file().get();
     const int head = std::snprintf(line, sizeof line,
                                    "vrk: exception %d created at %s:%d was never looked at (print "
                                    "it or call mark_processed()): ",
                                    e.error_no(), file != nullptr ? file : "?", e.line());
-    if (head <= 0 || static_cast<size_t>(head) >= cap) {
-        write_note(line, head, sizeof line);
+    if (head <= 0)
         return;
-    }
-    size_t used = static_cast<size_t>(head);
+    size_t used = static_cast<size_t>(head) < cap ? static_cast<size_t>(head) : cap;
     auto append = [&](const char* text, size_t len) {
         len = len < cap - used ? len : cap - used;
         std::memcpy(line + used, text, len);
@@ -236,7 +236,7 @@ void vrk_extern::import::forgotten_exception(const vrk::exception& e) noexcept {
 }
 
 vrk_extern::unhandled* vrk_extern::import::get_unhandled_callback() noexcept {
-    return &g_callback.callback_;
+    return &g_callback.object_;
 }
 
 void vrk_extern::import::abort(const char* file, int line, const char* msg) noexcept {
@@ -254,7 +254,4 @@ void vrk_extern::import::abort(const char* file, int line, const char* msg, long
     std::abort();
 }
 
-vrk::allocator& vrk::exception::default_allocator() {
-    static vrk::heap_allocator heap; // trivially destructible in effect: no state
-    return heap;
-}
+vrk::allocator& vrk::exception::default_allocator() { return g_heap.object_; }
