@@ -1,8 +1,12 @@
 // Registration on the thread's list: order, moves through copies, throws,
-// assignment and appends, and the not-found report.
+// assignment and appends, the not-found report, and exceptions handed to
+// another thread.
+#include <exception>
+#include <future>
 #include <thread>
 
 #include "support/test_host.hpp"
+#include "vrk/ext/buffer_stream.hpp"
 
 namespace {
 
@@ -121,6 +125,99 @@ TEST_F(Registration, NotFoundIsReportedAsForgottenErrorThenUnhandled) {
     EXPECT_EQ(counters().unhandled, 1);
     EXPECT_EQ(a.get_next_registered(), nullptr) << "ends unregistered";
     EXPECT_EQ(exception::get_first_registered(), nullptr) << "the error left the list again";
+}
+
+// Throws, and ends the registration in the handler before the exception
+// leaves this thread: the way to hand an exception to another thread.
+[[noreturn]] void throw_to_another_thread() {
+    try {
+        VRK_THROW(vrk::runtime_error, CODE);
+    } catch (const exception& e) {
+        e.unregister_on_thread();
+        throw;
+    }
+}
+
+void catch_and_print(std::future<void>& f) {
+    try {
+        f.get();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const exception& e) {
+        vrk::buffer_stream<2048> out;
+        out.getStream() << e;
+    }
+}
+
+// The standard library keeps the thrown object and releases it on whichever
+// thread drops it last. Unregistered on the throwing thread first, it is
+// caught, printed and released here without a report, and no list keeps it.
+TEST_F(Registration, HandedOffByTheStandardLibraryAfterUnregistering) {
+    {
+        std::future<void> f = std::async(std::launch::async, throw_to_another_thread);
+        catch_and_print(f);
+    }
+    // A promise and a packaged task, on a thread that lives on while the
+    // exceptions are released here.
+    std::promise<void> ready, released;
+    std::future<void> is_ready = ready.get_future(), is_released = released.get_future();
+    std::thread worker;
+    {
+        std::promise<void> promise;
+        std::packaged_task<void()> task(throw_to_another_thread);
+        std::future<void> from_promise = promise.get_future(), from_task = task.get_future();
+        worker = std::thread([&] {
+            try {
+                throw_to_another_thread();
+            } catch (...) {
+                promise.set_exception(std::current_exception());
+            }
+            task();
+            ready.set_value();
+            is_released.wait();
+            EXPECT_EQ(exception::get_first_registered(), nullptr) << "the worker's list";
+        });
+        is_ready.wait();
+        catch_and_print(from_promise);
+        catch_and_print(from_task);
+    }
+    released.set_value();
+    worker.join();
+    EXPECT_EQ(counters().unhandled, 0);
+    EXPECT_TRUE(vrk_test::forgotten_errors().empty());
+}
+
+// A caught exception kept beyond its handler: a copy carries the
+// registration, std::current_exception() keeps the registered object. Either
+// is unregistered before another thread gets it.
+TEST_F(Registration, KeptCaughtExceptionsAreUnregisteredBeforeTheyLeave) {
+    std::vector<exception> kept;
+    std::exception_ptr captured;
+    for (int i = 0; i < 2; ++i) {
+        try {
+            VRK_THROW(vrk::runtime_error, CODE);
+        } catch (const exception& e) {
+            if (i == 0) {
+                kept.push_back(e);
+                kept.back().unregister_on_thread();
+            } else {
+                e.unregister_on_thread();
+                captured = std::current_exception();
+            }
+        }
+    }
+    EXPECT_EQ(exception::get_first_registered(), nullptr);
+    std::thread([&] {
+        kept.back().mark_processed();
+        try {
+            std::rethrow_exception(captured);
+        } catch (const exception& e) {
+            e.mark_processed();
+        }
+        kept.clear();
+        captured = nullptr;
+    }).join();
+    EXPECT_EQ(counters().unhandled, 0);
+    EXPECT_TRUE(vrk_test::forgotten_errors().empty());
 }
 
 TEST_F(Registration, HeadOfOneMeansEmpty) {
