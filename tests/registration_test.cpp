@@ -1,8 +1,12 @@
 // Registration on the thread's list: order, moves through copies, throws,
-// assignment and appends, and the not-found report.
+// assignment and appends, the not-found report, and exceptions handed to
+// another thread.
+#include <exception>
+#include <future>
 #include <thread>
 
 #include "support/test_host.hpp"
+#include "vrk/ext/buffer_stream.hpp"
 
 namespace {
 
@@ -121,6 +125,76 @@ TEST_F(Registration, NotFoundIsReportedAsForgottenErrorThenUnhandled) {
     EXPECT_EQ(counters().unhandled, 1);
     EXPECT_EQ(a.get_next_registered(), nullptr) << "ends unregistered";
     EXPECT_EQ(exception::get_first_registered(), nullptr) << "the error left the list again";
+}
+
+// Throws, and ends the registration in the handler before the exception
+// leaves this thread: the way to hand an exception to another thread.
+[[noreturn]] void throw_to_another_thread() {
+    try {
+        VRK_THROW(vrk::runtime_error, CODE);
+    } catch (const exception& e) {
+        e.unregister_on_thread();
+        throw;
+    }
+}
+
+void catch_and_print(std::future<void>& f) {
+    try {
+        f.get();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const exception& e) {
+        vrk::buffer_stream<2048> out;
+        out.getStream() << e;
+    }
+}
+
+// The standard library keeps the thrown object and releases it on whichever
+// thread drops it last, and a copy kept beyond its handler carries the
+// registration. Unregistered on the thread that caught them, they are
+// printed and released on another thread without a report, and no thread's
+// list keeps them.
+TEST_F(Registration, ExceptionsLeaveTheirThreadUnregistered) {
+    {
+        std::future<void> f = std::async(std::launch::async, throw_to_another_thread);
+        catch_and_print(f);
+    }
+    // On a thread that lives on while they are released here.
+    std::promise<void> ready, released;
+    std::future<void> is_ready = ready.get_future(), is_released = released.get_future();
+    std::thread worker;
+    {
+        std::promise<void> promise;
+        std::packaged_task<void()> task(throw_to_another_thread);
+        std::future<void> from_promise = promise.get_future(), from_task = task.get_future();
+        std::vector<exception> kept;
+        worker = std::thread([&] {
+            for (int i = 0; i < 2; ++i) {
+                try {
+                    VRK_THROW(vrk::runtime_error, CODE);
+                } catch (const exception& e) {
+                    if (i == 0) {
+                        e.unregister_on_thread();
+                        promise.set_exception(std::current_exception());
+                    } else {
+                        kept.push_back(e); // the copy takes the registration over
+                        kept.back().unregister_on_thread();
+                    }
+                }
+            }
+            task();
+            ready.set_value();
+            is_released.wait();
+            EXPECT_EQ(exception::get_first_registered(), nullptr) << "the worker's list";
+        });
+        is_ready.wait();
+        catch_and_print(from_promise);
+        catch_and_print(from_task);
+        kept.back().mark_processed();
+    }
+    released.set_value();
+    worker.join();
+    EXPECT_EQ(counters().unhandled, 0);
+    EXPECT_TRUE(vrk_test::forgotten_errors().empty());
 }
 
 TEST_F(Registration, HeadOfOneMeansEmpty) {

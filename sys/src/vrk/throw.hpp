@@ -2,7 +2,8 @@
 //
 // Builds the exception with the source file and line, lets messages and
 // arguments be streamed in, registers it on the calling thread and throws it
-// as its own do_throw would, so the thrown object keeps its class.
+// as its own do_throw would: as the class that do_throw throws, which for
+// vrk::logic_error (no do_throw of its own) is vrk::exception.
 // Building and appending never throw; only the final throw does.
 //
 //   VRK_THROW(vrk::runtime_error, ERR_DISK_FULL)

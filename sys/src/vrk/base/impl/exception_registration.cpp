@@ -3,7 +3,10 @@
 // The host keeps the head of each thread's list; the older entries are
 // chained behind it through the exceptions' own `p_next_reg_`, newest first.
 // The address 1 marks an exception that is on no list. Nothing here locks:
-// a list belongs to its thread.
+// a list belongs to its thread, and only that thread may change the head the
+// host keeps, so an exception released elsewhere cannot be taken out of it.
+// An exception that leaves its thread (a std::promise, std::async or a copy
+// handed over) is unregistered on that thread first; the README says how.
 #include "vrk/base/impl/exception_source.hpp"
 #include "vrk/exception.hpp"
 
