@@ -56,7 +56,7 @@ struct harness {
     std::string expect;                  // with this text
 
     // A change of s[i] raises rvalue_error with its first 127 characters, up to
-    // a NUL, when it is a view; returns whether it is one.
+    // a NUL, when it is a view; returns whether the step must raise.
     bool refused(int i) {
         if (raises || !s[i].is_read_only())
             return raises;
@@ -64,6 +64,7 @@ struct harness {
         expect.resize(std::min(expect.find('\0'), expect.size()));
         return raises = true;
     }
+    // A position beyond the end raises the out-of-range error (after the view check).
     void beyond(size_t pos, size_t size) {
         if (!raises && pos > size) {
             raises = true;
