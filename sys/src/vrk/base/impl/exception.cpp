@@ -132,10 +132,17 @@ exception& exception::operator=(const exception& a) noexcept {
 void exception::release_chain_() noexcept {
     volatile exception_data* block = p_fst_;
     if (!block->done()) {
-        // Copies the host makes while looking at it must not release the
-        // block a second time: give them a count to take from.
-        block->pc_.store(nullptr, 1);
+        // The host may copy the exception and extend the copy: give the
+        // copies the last node to append behind (the destructor cleared it).
+        // The block goes when the hook returns whatever copies were made, so
+        // it must not end up in a chain that outlives the hook: while the
+        // hook runs the block reads as being linked, which refuses any append
+        // of it (as for a block that already belongs to a chain) and keeps
+        // the copies' releases from finding it dead a second time.
+        p_lst_ = block->last_node();
+        block->pc_.store(PREV_LINK_LOCK, 1);
         vrk_extern::import::forgotten_exception(*this);
+        p_lst_ = nullptr;
     }
     // Release this block and every following one that nobody else holds.
     for (;;) {
