@@ -135,6 +135,12 @@ TEST_F(ExceptionLifecycle, CopyIntoHolderIsAnUnregisteredBaseObject) {
     other.mark_processed();
     other.copy(holder); // destroys the held copy of e first
     EXPECT_TRUE(*holder == other);
+
+    { vrk::exception only("h", 3, CODE5); only.copy(holder); }
+    holder->copy(holder); // into its own holder, which has the only reference
+    ASSERT_NE(holder->data(), nullptr);
+    EXPECT_EQ(holder->line(), 3);
+    holder->mark_processed();
     e.unregister_on_thread();
     e.mark_processed();
     holder.destruct_();

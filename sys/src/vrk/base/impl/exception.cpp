@@ -156,6 +156,12 @@ void exception::release_chain_() noexcept {
 }
 
 exception* exception::copy(auto_object<exception>& exc) const noexcept {
+    // Copying the held object into its own holder: emplacing destroys it
+    // first, so the copy is taken from a temporary that keeps the block.
+    if (exc.get() == this) {
+        const exception keep(*this, sharing_copy_tag{});
+        return exc.emplace<exception>(keep, sharing_copy_tag{});
+    }
     return exc.emplace<exception>(*this, sharing_copy_tag{});
 }
 
