@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <set>
@@ -30,10 +31,10 @@ constexpr int THREADS = 4;
 // How long one scenario goes on: a number of rounds, then a time.
 class stress_budget {
 public:
-    explicit stress_budget(const char* name) : name_(name) {
+    explicit stress_budget(const char* name, int default_rounds = 20) : name_(name) {
         const char* rounds = std::getenv("VRK_STRESS_ROUNDS");
         const char* seconds = std::getenv("VRK_STRESS_SECONDS");
-        min_rounds_ = rounds != nullptr ? std::max(1, std::atoi(rounds)) : 20;
+        min_rounds_ = rounds != nullptr ? std::max(1, std::atoi(rounds)) : default_rounds;
         seconds_ = seconds != nullptr ? std::max(0.0, std::atof(seconds)) : 1.0;
     }
     ~stress_budget() {
@@ -84,6 +85,14 @@ std::vector<int> walk(const exception& head) {
     for (exception x = head; x.data() != nullptr; x = x.get_next())
         seen.push_back(x.error_no());
     return seen;
+}
+
+// The number of exceptions along a chain, counting no further than `limit`.
+size_t length_up_to(const exception& head, size_t limit) {
+    size_t n = 0;
+    for (exception x = head; x.data() != nullptr && n < limit; x = x.get_next())
+        ++n;
+    return n;
 }
 
 bool is_prefix(const std::vector<int>& part, const std::vector<int>& whole) {
@@ -187,6 +196,54 @@ TEST_F(ChainStress, OneExceptionAppendedToManyChainsAtOnceLinksOnce) {
         shared->mark_processed();
         delete shared;
     }
+}
+
+// Two threads append two chains into each other at the same moment, round
+// after round: at most one link may be made, or the chains close a loop that
+// no walk ends and nothing releases. The window is a few instructions wide,
+// hence the many rounds; the two threads stay up for all of them.
+TEST_F(ChainStress, CrossAppendsNeverCloseALoop) {
+    exception* pair[2] = {};
+    std::atomic<int> go{0}, done{0};
+    // The other thread sees the start a moment after this one: this one's
+    // start sweeps across that moment.
+    auto sweep_start = [](int round) {
+        for (int delay = round % 64; delay > 0; --delay)
+            __asm__ volatile("" ::: "memory");
+    };
+    auto wait_for = [](const std::atomic<int>& flag, int value) {
+        for (int spins = 0; flag.load() < value; ++spins) // INT_MAX: stop
+            if (spins % 4096 == 4095)
+                std::this_thread::yield();
+    };
+    std::thread other([&] {
+        for (int round = 1;; ++round) {
+            wait_for(go, round);
+            if (go.load() == INT_MAX)
+                return;
+            *pair[1] << *pair[0];
+            done.store(round);
+        }
+    });
+    int round = 0;
+    for (stress_budget b("cross_appends", 10000); b.next();) {
+        pair[0] = new exception("f", 0, code_for(0), NO_STACK);
+        pair[1] = new exception("f", 1, code_for(1), NO_STACK);
+        go.store(++round);
+        sweep_start(round);
+        *pair[0] << *pair[1];
+        wait_for(done, round);
+        if (length_up_to(*pair[0], 3) + length_up_to(*pair[1], 3) != 3) {
+            ADD_FAILURE() << "round " << round << ": the two chains closed a loop";
+            break; // its blocks leak
+        }
+        for (exception* e : pair) {
+            e->mark_processed();
+            delete e;
+        }
+    }
+    go.store(INT_MAX);
+    other.join();
 }
 
 TEST_F(ChainStress, WalkersSeeAPrefixWhileHandlesAreDropped) {
