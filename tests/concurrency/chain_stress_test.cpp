@@ -226,7 +226,7 @@ TEST_F(ChainStress, CrossAppendsNeverCloseALoop) {
         }
     });
     int round = 0;
-    for (stress_budget b("cross_appends", 10000); b.next();) {
+    for (stress_budget b("cross_appends", 5000); b.next();) {
         pair[0] = new exception("f", 0, code_for(0), NO_STACK);
         pair[1] = new exception("f", 1, code_for(1), NO_STACK);
         go.store(++round);
