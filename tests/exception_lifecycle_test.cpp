@@ -49,13 +49,22 @@ TEST_F(ExceptionLifecycle, ForgottenIsReportedOnceAndOnlyWhenNobodyLooked) {
     EXPECT_EQ(counters().forgotten, 3);
 }
 
-TEST_F(ExceptionLifecycle, ForgottenHookSeesWholeChainAndItsCopiesDoNotReportAgain) {
+// The hook uses all its contract allows: it copies the exception, extends
+// the copy, walks it, and tries to keep it in a chain that outlives the hook.
+TEST_F(ExceptionLifecycle, ForgottenHookMayCopyExtendAndWalkButNotKeepTheException) {
     std::string seen;
+    vrk::exception report("r", 9, CODE6);
+    report.mark_processed();
     vrk_test::settings().on_forgotten = [&](const vrk::exception& e) {
-        vrk::exception copy(e); // copies made during the report
+        vrk::exception copy(e);
+        copy.append_message("f", 4, 5, "late $N$");
+        copy.define_argument("N", "1", true);
         for (vrk::exception x = copy; x.data() != nullptr; x = x.get_next())
-            for (const auto& node : x)
-                seen += std::string(node.message()) + ";";
+            for (const auto& node : x) {
+                char text[32];
+                seen += std::string(text, node.expand(text, sizeof text)) + ";";
+            }
+        report << e; // refused: the block goes when the hook returns
     };
     {
         vrk::exception head("f", 1, CODE5);
@@ -63,8 +72,9 @@ TEST_F(ExceptionLifecycle, ForgottenHookSeesWholeChainAndItsCopiesDoNotReportAga
         vrk::exception tail("f", 3, CODE6);
         head << tail;
     }
-    EXPECT_EQ(seen, "five;more;six;");
-    EXPECT_EQ(counters().forgotten, 1);
+    EXPECT_EQ(seen, "five;more;late 1;six;");
+    EXPECT_EQ(counters().forgotten, 1) << "the hook's copies report nothing";
+    EXPECT_EQ(report.get_next().data(), nullptr) << "the report chain kept a released block";
 }
 
 TEST_F(ExceptionLifecycle, ComparisonIdentityAndFileNames) {
@@ -125,6 +135,12 @@ TEST_F(ExceptionLifecycle, CopyIntoHolderIsAnUnregisteredBaseObject) {
     other.mark_processed();
     other.copy(holder); // destroys the held copy of e first
     EXPECT_TRUE(*holder == other);
+
+    { vrk::exception only("h", 3, CODE5); only.copy(holder); }
+    holder->copy(holder); // into its own holder, which has the only reference
+    ASSERT_NE(holder->data(), nullptr);
+    EXPECT_EQ(holder->line(), 3);
+    holder->mark_processed();
     e.unregister_on_thread();
     e.mark_processed();
     holder.destruct_();

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <set>
@@ -30,10 +31,10 @@ constexpr int THREADS = 4;
 // How long one scenario goes on: a number of rounds, then a time.
 class stress_budget {
 public:
-    explicit stress_budget(const char* name) : name_(name) {
+    explicit stress_budget(const char* name, int default_rounds = 20) : name_(name) {
         const char* rounds = std::getenv("VRK_STRESS_ROUNDS");
         const char* seconds = std::getenv("VRK_STRESS_SECONDS");
-        min_rounds_ = rounds != nullptr ? std::max(1, std::atoi(rounds)) : 20;
+        min_rounds_ = rounds != nullptr ? std::max(1, std::atoi(rounds)) : default_rounds;
         seconds_ = seconds != nullptr ? std::max(0.0, std::atof(seconds)) : 1.0;
     }
     ~stress_budget() {
@@ -187,6 +188,48 @@ TEST_F(ChainStress, OneExceptionAppendedToManyChainsAtOnceLinksOnce) {
         shared->mark_processed();
         delete shared;
     }
+}
+
+// Two threads append two chains into each other at the same moment, round
+// after round: at most one link may be made, or the chains close a loop that
+// no walk ends and nothing releases. The window is a few instructions wide,
+// hence the many rounds; the two threads stay up for all of them.
+TEST_F(ChainStress, CrossAppendsNeverCloseALoop) {
+    exception* pair[2] = {};
+    std::atomic<int> go{0}, done{0};
+    auto wait_for = [](const std::atomic<int>& flag, int value) {
+        for (int spins = 1; flag.load() < value; ++spins) // go = INT_MAX: stop
+            if (spins % 4096 == 0)
+                std::this_thread::yield();
+    };
+    std::thread other([&] {
+        for (int round = 1; wait_for(go, round), go.load() != INT_MAX; ++round) {
+            *pair[1] << *pair[0];
+            done.store(round);
+        }
+    });
+    int round = 0;
+    for (stress_budget b("cross_appends", 5000); b.next();) {
+        pair[0] = new exception("f", 0, code_for(0), NO_STACK);
+        pair[1] = new exception("f", 1, code_for(1), NO_STACK);
+        go.store(++round);
+        // The other thread starts a moment later: sweep across that moment.
+        for (int delay = round % 64; delay > 0; --delay)
+            __asm__ volatile("" ::: "memory");
+        *pair[0] << *pair[1];
+        wait_for(done, round);
+        // a -> b -> a: two steps from either end lead back into the chain.
+        if (pair[0]->get_next().get_next().data() != nullptr) {
+            ADD_FAILURE() << "round " << round << ": the two chains closed a loop";
+            break; // its blocks leak
+        }
+        for (exception* e : pair) {
+            e->mark_processed();
+            delete e;
+        }
+    }
+    go.store(INT_MAX);
+    other.join();
 }
 
 TEST_F(ChainStress, WalkersSeeAPrefixWhileHandlesAreDropped) {

@@ -108,9 +108,11 @@ public:
 
     // Appends `a`'s chain behind the last exception of this chain. Does
     // nothing when either has no block, both share one, `a` already belongs
-    // to a chain, or `a`'s chain already contains this exception (which would
-    // close a loop). `a` leaves the thread's registration list in every case
-    // except `a` being this object.
+    // to a chain or is being reported as forgotten (its block goes when the
+    // report ends), or `a`'s chain already contains this exception (which
+    // would close a loop). Links are made under one process-wide lock. `a`
+    // leaves the thread's registration list in every case except `a` being
+    // this object.
     void append_exp(const exception& a) noexcept;
 
     void mark_processed() const noexcept;

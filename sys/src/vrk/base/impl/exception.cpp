@@ -5,6 +5,7 @@
 #include <cxxabi.h>
 
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <typeinfo>
 
@@ -14,6 +15,14 @@
 namespace vrk {
 
 namespace {
+// Every link between chains is made under this one lock, with the loop check
+// before it. Without it two threads appending two chains into each other at
+// the same moment both pass the check and close a loop. Appends are rare (one
+// per rethrow with a cause), so the price is one uncontended lock per append,
+// and concurrent appends anywhere in the process wait for each other; copies,
+// releases and walks never take it. Slot locks are taken under it, never the
+// other way round, and nothing under it calls out.
+std::mutex g_link_lock;
 const exception* const NOT_REGISTERED = reinterpret_cast<const exception*>(uintptr_t{1});
 const char* const UNDEFINED_FILE_NAME = "UNDEFINED FILE NAME";
 } // namespace
@@ -132,10 +141,17 @@ exception& exception::operator=(const exception& a) noexcept {
 void exception::release_chain_() noexcept {
     volatile exception_data* block = p_fst_;
     if (!block->done()) {
-        // Copies the host makes while looking at it must not release the
-        // block a second time: give them a count to take from.
-        block->pc_.store(nullptr, 1);
+        // The host may copy the exception and extend the copy: give the
+        // copies the last node to append behind (the destructor cleared it).
+        // The block goes when the hook returns whatever copies were made, so
+        // it must not end up in a chain that outlives the hook: while the
+        // hook runs the block reads as being linked, which refuses any append
+        // of it (as for a block that already belongs to a chain) and keeps
+        // the copies' releases from finding it dead a second time.
+        p_lst_ = block->last_node();
+        block->pc_.store(PREV_LINK_LOCK, 1);
         vrk_extern::import::forgotten_exception(*this);
+        p_lst_ = nullptr;
     }
     // Release this block and every following one that nobody else holds.
     for (;;) {
@@ -149,6 +165,12 @@ void exception::release_chain_() noexcept {
 }
 
 exception* exception::copy(auto_object<exception>& exc) const noexcept {
+    // Copying the held object into its own holder: emplacing destroys it
+    // first, so the copy is taken from a temporary that keeps the block.
+    if (exc.get() == this) {
+        const exception keep(*this, sharing_copy_tag{});
+        return exc.emplace<exception>(keep, sharing_copy_tag{});
+    }
     return exc.emplace<exception>(*this, sharing_copy_tag{});
 }
 
@@ -236,31 +258,26 @@ void exception::append_exp(const exception& a) noexcept {
     a.unregister_on_thread();
     if (p_fst_ == nullptr || a.p_fst_ == nullptr || p_fst_ == a.p_fst_)
         return;
+    const std::lock_guard<std::mutex> hold(g_link_lock);
     // Appending a chain that already holds this block would close a loop
-    // that nothing ever releases: refuse it. The walk sees the chain as it is
-    // now; two threads appending two chains into each other at the same
-    // instant are not detected.
+    // that nothing ever releases: refuse it. Under the link lock no chain
+    // grows while it is walked, so the answer still holds when linking.
     for (volatile exception_data* b = a.p_fst_->next(); b != nullptr; b = b->next())
         if (b == p_fst_)
             return;
     if (!a.p_fst_->lock_chain())
         return;
-    volatile exception_data* last;
-    for (;;) {
-        last = p_fst_;
-        while (volatile exception_data* next = last->next())
-            last = next;
-        volatile exception_data* expected = nullptr;
-        if (__atomic_compare_exchange_n(&last->p_next_, &expected, a.p_fst_, false,
-                                        __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
-            break;
-        // Another thread appended meanwhile: walk again from the head.
-    }
+    // The link lock keeps every other writer off the last block's link: a
+    // release store publishes it to the walkers, which read it with acquire.
+    volatile exception_data* last = p_fst_;
+    while (volatile exception_data* next = last->next())
+        last = next;
+    __atomic_store_n(&last->p_next_, a.p_fst_, __ATOMIC_RELEASE);
     a.p_fst_->update_pred(last);
     p_fst_->clear_done();
-    // No separate fence: the link was published by an acquire-release
-    // compare-and-swap and the predecessor word by a release of its slot
-    // lock, which order every earlier store for the threads that read them.
+    // No separate fence: the link was published by a release store and the
+    // predecessor word by a release of its slot lock, which order every
+    // earlier store for the threads that read them.
 }
 
 exception& operator<<(exception& exp, const exception& add_exp) noexcept {
