@@ -3,6 +3,7 @@
 // truncation and flipped byte, and derived classes that register their own
 // creator.
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -308,8 +309,9 @@ public:
     static vrk::auto_ptr<exception, vrk::default_deleter> create(vrk::istream& inp,
                                                                  vrk::allocator& alloc) {
         const uint32_t port = read_int(inp);
-        void* raw = alloc.allocate(sizeof(net_error));
-        return {::new (raw) net_error(port), &alloc};
+        vrk::auto_ptr<exception, vrk::default_deleter> result;
+        ::new (vrk::auto_ptr_mem_ref(result), alloc, 0) net_error(port);
+        return result;
     }
     static vrk::auto_ptr<exception, vrk::default_deleter> refuse(vrk::istream&,
                                                                  vrk::allocator&) {
@@ -323,7 +325,10 @@ protected:
     }
 
 private:
-    explicit net_error(uint32_t port) : exception(nullptr), port_(port) {}
+    explicit net_error(uint32_t port) : exception(nullptr), port_(port) {
+        if (port == 0)
+            throw std::invalid_argument("port 0");
+    }
     uint32_t port_;
 };
 
@@ -345,6 +350,10 @@ TEST_F(Serialize, DerivedClassesTravelThroughTheirRegisteredCreator) {
         EXPECT_EQ(short_form(*got), "exception 7: boom\nexception 5: refused\n");
     }
     EXPECT_EQ(obj_alloc_.balance(), 0) << "released through the virtual destructor";
+    bytes port0 = b;
+    std::fill(port0.begin() + 4, port0.begin() + 8, 0);
+    EXPECT_THROW(read(port0), std::invalid_argument);
+    EXPECT_EQ(obj_alloc_.balance(), 0) << "a constructor that throws leaves nothing behind";
 
     // Without a creator the port is taken for the base check word.
     ASSERT_TRUE(vrk::unregister_exception_type(net_error::TYPE, &net_error::create));

@@ -193,10 +193,10 @@ exception::default_creator(istream& inp, allocator& alloc) {
     const uint32_t check = read_int(inp);
     if (check != DEFAULT_TYPE_CHECK)
         throw_bad_pattern_(__LINE__, caller, check, DEFAULT_TYPE_CHECK);
-    void* raw = alloc.allocate(sizeof(exception), caller);
-    // The constructor cannot throw: the memory passes to its owner at once.
-    return auto_ptr<exception, default_deleter>(
-        ::new (raw) exception(static_cast<volatile exception_data*>(nullptr)), &alloc);
+    auto_ptr<exception, default_deleter> result;
+    ::new (auto_ptr_mem_ref(result), alloc, 0)
+        exception(static_cast<volatile exception_data*>(nullptr));
+    return result;
 }
 
 // ---------------------------------------------------------------------------
