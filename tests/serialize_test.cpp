@@ -3,6 +3,7 @@
 // truncation and flipped byte, and derived classes that register their own
 // creator.
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -224,6 +225,23 @@ TEST_F(Serialize, WriterKeepsEveryTextInSmallAllocationsOrFailsTheStream) {
         ASSERT_TRUE(os.good());
         EXPECT_EQ(std::strlen(read(to_bytes(os))->begin()->next()->message()), len);
     }
+}
+
+// Frozen bytes of a two-exception chain with two messages each, arguments
+// and a stack text: a writer and a reader that change in step still fail.
+TEST_F(Serialize, GoldenBytesDecodeAndEncodeAgainUnchanged) {
+    const std::string path = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) +
+                             "/data/two_exceptions.hex";
+    std::ifstream in(path);
+    ASSERT_TRUE(in) << path;
+    bytes golden;
+    for (unsigned byte; in >> std::hex >> byte;)
+        golden.push_back(static_cast<unsigned char>(byte));
+    auto got = read(golden);
+    EXPECT_EQ(short_form(*got),
+              "exception 1000123: Cannot open config.ini\nexception 5: Retry 3 of "
+              "5\nexception 7: boom\nexception -9: Query on users failed\n");
+    EXPECT_EQ(serialized(*got, false), golden);
 }
 
 TEST_F(Serialize, BadPatternsNameTheWordReadAndTheWordExpected) {
