@@ -112,7 +112,9 @@ private:
 // The memory belongs to `result` before the constructor runs; if the
 // constructor throws, the matching placement delete takes it back from
 // `result` and returns it to the allocator, so nothing leaks and `result`
-// never destroys an object that was not built.
+// never destroys an object that was not built. `result` takes the memory's
+// address as its T*, so T must lie at the start of the object built (as a
+// class derived from T alone does).
 class auto_ptr_mem_ref {
 public:
     template <class T, class D>
