@@ -109,7 +109,9 @@ char* read_text_(istream& inp, uint32_t len, allocator& ma, const void* caller) 
     pending_buffer buf(ma, static_cast<char*>(ma.allocate(cap, caller)));
     size_t have = 0;
     for (;;) {
-        const size_t step = (cap < len ? cap : len) - have;
+        // The last place of the buffer is kept for the NUL: a length that
+        // is exactly a buffer size takes one more step.
+        const size_t step = (cap - 1 < len ? cap - 1 : len) - have;
         read_exact_(inp, buf.get() + have, step, len, have, caller);
         have += step;
         if (have == len)
