@@ -31,12 +31,15 @@ public:
     }
 
     // Reads what store_type wrote after the type word and makes an empty
-    // object for the body to be read into.
+    // object for the body to be read into. The owning placement allocation
+    // gives the memory to `result` before the constructor runs, so a
+    // constructor that throws leaks nothing.
     static vrk::auto_ptr<vrk::exception, vrk::default_deleter> create(vrk::istream& inp,
                                                                       vrk::allocator& alloc) {
         const uint32_t status = read_int(inp);
-        void* raw = alloc.allocate(sizeof(http_error));
-        return {::new (raw) http_error(status), &alloc};
+        vrk::auto_ptr<vrk::exception, vrk::default_deleter> result;
+        ::new (vrk::auto_ptr_mem_ref(result), alloc, 0) http_error(status);
+        return result;
     }
 
     static bool register_type() noexcept { return vrk::register_exception_type(TYPE, &create); }

@@ -1,9 +1,11 @@
 // Fuzz target: vrk::exception::deserialize over arbitrary bytes. Every input
-// must either decode into an exception that prints, serializes again and
-// releases cleanly, or raise a vrk::exception; nothing may leak or crash.
+// must either decode into an exception that prints, serializes again into
+// bytes that decode to the same text, and releases cleanly, or raise a
+// vrk::exception; nothing may leak or crash.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "vrk/exception.hpp"
@@ -50,8 +52,9 @@ public:
         const uint32_t extra = read_int(inp);
         if (extra == 0)
             return {}; // a creator may decline
-        void* raw = alloc.allocate(sizeof(typed_exception));
-        return {::new (raw) typed_exception(), &alloc};
+        vrk::auto_ptr<vrk::exception, vrk::default_deleter> result;
+        ::new (vrk::auto_ptr_mem_ref(result), alloc, 0) typed_exception();
+        return result;
     }
 
 private:
@@ -59,6 +62,26 @@ private:
 };
 
 const bool registered = vrk::register_exception_type(1, &typed_exception::create);
+
+// True when `bytes`, written without error, decode to an exception whose long
+// form is `long_form`: imported texts have no parameters and stack sections
+// travel as text, so a second round trip changes nothing.
+bool reads_back_as(vrk::osstream& bytes, vrk::osstream& long_form, vrk::allocator& alloc) {
+    if (!bytes.good())
+        return false;
+    vrk::string written = bytes.str();
+    vrk::isstream in(written.data(), written.size(), alloc);
+    try {
+        auto back = vrk::exception::deserialize(in, alloc);
+        vrk::osstream text(alloc);
+        back->print_default(text, false, false);
+        vrk::string a = text.str(), b = long_form.str();
+        return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size()) == 0;
+    } catch (const vrk::exception& bad) {
+        bad.mark_processed();
+        return false; // our own bytes must read back
+    }
+}
 
 } // namespace
 
@@ -75,6 +98,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 vrk::string short_form = e->what(alloc, false);
                 vrk::osstream again(alloc);
                 e->serialize(again, false);
+                if (e->data() != nullptr && !reads_back_as(again, text, alloc))
+                    std::abort(); // a text was lost on the way
             }
         } catch (const vrk::exception& bad) {
             bad.mark_processed();

@@ -1,6 +1,7 @@
 // Writes the seed corpus of fuzz_deserialize: valid serialized exceptions of
 // every shape the format has (chains, many nodes, arguments, stack texts,
-// suppressed stacks, bad-allocation bodies, a derived type header).
+// suppressed stacks, bad-allocation bodies, a derived type header, many long
+// texts, a chain of 64).
 // usage: make_seeds_deserialize DIR
 #include <cstdio>
 #include <cstdlib>
@@ -74,6 +75,20 @@ int main(int argc, char** argv) {
     head << mid;
     write_exception(head, false);
     write_exception(head, true);
+
+    // Many long texts and a long chain: a writer whose scratch memory grows
+    // with the number of texts, or loses one, fails on these.
+    vrk::exception many("many.cpp", 10, PLAIN);
+    for (int i = 0; i < 64; ++i)
+        many.append_message("many.cpp", i, i, std::string(60 + i % 21, 'm').c_str());
+    write_exception(many, false);
+    vrk::exception chain("chain.cpp", 0, PLAIN, NO_STACK);
+    for (int i = 1; i < 64; ++i) {
+        vrk::exception link("chain.cpp", i, PLAIN, NO_STACK);
+        link.append_message("chain.cpp", i, i, std::string(60 + i % 21, 'c').c_str());
+        chain << link;
+    }
+    write_exception(chain, false);
 
     // Bodies with no data block, written by hand: they come from exceptions
     // whose allocation failed.

@@ -3,6 +3,8 @@
 // truncation and flipped byte, and derived classes that register their own
 // creator.
 #include <cstring>
+#include <fstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -187,6 +189,61 @@ TEST_F(Serialize, ChainRoundTripKeepsTextsNumbersAndStacks) {
     EXPECT_NE(quiet_long.find("Bad alloc.code: 0"), std::string::npos) << quiet_long;
 }
 
+TEST_F(Serialize, WriterKeepsEveryTextInSmallAllocationsOrFailsTheStream) {
+    // 64 messages of 60 to 80 characters, alone and in a chain of 64.
+    const auto many_texts = [](int line) {
+        exception e("long.src", line, BOOM, nullptr);
+        for (int i = 0; i < 64; ++i)
+            e.append_message("long.src", i, i, std::string(60 + (i + line) % 21, 'a').c_str());
+        return e;
+    };
+    exception one = many_texts(0);
+    exception chain = many_texts(0);
+    for (int i = 1; i < 64; ++i)
+        chain << many_texts(i);
+    auto& def = vrk_test::default_test_allocator();
+    for (const exception* e : {&one, &chain}) {
+        def.reset_requests();
+        vrk::osstream os(alloc_);
+        e->serialize(os, false);
+        ASSERT_TRUE(os.good());
+        EXPECT_LT(def.largest_request(), 64u * 1024u) << "the writer's scratch text";
+        EXPECT_EQ(long_form(*read(to_bytes(os))), long_form(*e));
+    }
+
+    // The reader's limit holds for the writer: a text one byte longer than
+    // MAX_WIRE_TEXT fails the stream instead of writing what cannot be read.
+    for (const size_t len : {size_t{exception::MAX_WIRE_TEXT}, exception::MAX_WIRE_TEXT + 1ul}) {
+        exception big("big.src", 1, BOOM, NO_STACK);
+        big.append_message("big.src", 2, 3, std::string(len, 'b').c_str());
+        vrk::osstream os(alloc_);
+        big.serialize(os, true);
+        if (len > exception::MAX_WIRE_TEXT) {
+            EXPECT_TRUE(os.bad());
+            continue;
+        }
+        ASSERT_TRUE(os.good());
+        EXPECT_EQ(std::strlen(read(to_bytes(os))->begin()->next()->message()), len);
+    }
+}
+
+// Frozen bytes of a two-exception chain with two messages each, arguments
+// and a stack text: a writer and a reader that change in step still fail.
+TEST_F(Serialize, GoldenBytesDecodeAndEncodeAgainUnchanged) {
+    const std::string path = std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) +
+                             "/data/two_exceptions.hex";
+    std::ifstream in(path);
+    ASSERT_TRUE(in) << path;
+    bytes golden;
+    for (unsigned byte; in >> std::hex >> byte;)
+        golden.push_back(static_cast<unsigned char>(byte));
+    auto got = read(golden);
+    EXPECT_EQ(short_form(*got),
+              "exception 1000123: Cannot open config.ini\nexception 5: Retry 3 of "
+              "5\nexception 7: boom\nexception -9: Query on users failed\n");
+    EXPECT_EQ(serialized(*got, false), golden);
+}
+
 TEST_F(Serialize, BadPatternsNameTheWordReadAndTheWordExpected) {
     bytes header = {0xFA, 0xCE, 0, 0, 0xFA, 0xCA, 0xDE, 0x01};
     bytes body_start_wrong = header;
@@ -281,12 +338,17 @@ TEST_F(Serialize, HostileLengthsAllocateNoMoreThanTheInput) {
 TEST_F(Serialize, EveryTruncationAndFlippedByteLeavesNothingBehind) {
     auto& def = vrk_test::default_test_allocator();
     const bytes b = serialized(chain(), false);
+    bytes bad_alloc_body = {0xFA, 0xCE, 0, 0, 0xFA, 0xCA, 0xDE, 0x01};
+    for (uint32_t w : {0xDEFACED2u, 7u, 5u, 1u})
+        put_word(bad_alloc_body, w);
+    bad_alloc_body.push_back('x');
     const long base = def.balance();
-    for (size_t n = 0; n < b.size(); ++n) {
-        EXPECT_NE(error_of(bytes(b.begin(), b.begin() + static_cast<long>(n))), "") << n;
-        ASSERT_EQ(def.balance(), base) << "cut at " << n;
-        ASSERT_EQ(obj_alloc_.balance(), 0) << "cut at " << n;
-    }
+    for (const bytes& whole : {b, bad_alloc_body})
+        for (size_t n = 0; n < whole.size(); ++n) {
+            EXPECT_NE(error_of(bytes(whole.begin(), whole.begin() + static_cast<long>(n))), "") << n;
+            ASSERT_EQ(def.balance(), base) << "cut at " << n;
+            ASSERT_EQ(obj_alloc_.balance(), 0) << "cut at " << n;
+        }
     for (size_t i = 0; i < b.size(); ++i)
         for (unsigned char mask : {0x01, 0x80, 0xFF}) {
             bytes f = b;
@@ -308,8 +370,9 @@ public:
     static vrk::auto_ptr<exception, vrk::default_deleter> create(vrk::istream& inp,
                                                                  vrk::allocator& alloc) {
         const uint32_t port = read_int(inp);
-        void* raw = alloc.allocate(sizeof(net_error));
-        return {::new (raw) net_error(port), &alloc};
+        vrk::auto_ptr<exception, vrk::default_deleter> result;
+        ::new (vrk::auto_ptr_mem_ref(result), alloc, 0) net_error(port);
+        return result;
     }
     static vrk::auto_ptr<exception, vrk::default_deleter> refuse(vrk::istream&,
                                                                  vrk::allocator&) {
@@ -323,7 +386,10 @@ protected:
     }
 
 private:
-    explicit net_error(uint32_t port) : exception(nullptr), port_(port) {}
+    explicit net_error(uint32_t port) : exception(nullptr), port_(port) {
+        if (port == 0)
+            throw std::invalid_argument("port 0");
+    }
     uint32_t port_;
 };
 
@@ -345,6 +411,10 @@ TEST_F(Serialize, DerivedClassesTravelThroughTheirRegisteredCreator) {
         EXPECT_EQ(short_form(*got), "exception 7: boom\nexception 5: refused\n");
     }
     EXPECT_EQ(obj_alloc_.balance(), 0) << "released through the virtual destructor";
+    bytes port0 = b;
+    std::fill(port0.begin() + 4, port0.begin() + 8, 0);
+    EXPECT_THROW(read(port0), std::invalid_argument);
+    EXPECT_EQ(obj_alloc_.balance(), 0) << "a constructor that throws leaves nothing behind";
 
     // Without a creator the port is taken for the base check word.
     ASSERT_TRUE(vrk::unregister_exception_type(net_error::TYPE, &net_error::create));

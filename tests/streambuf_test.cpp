@@ -174,8 +174,39 @@ TEST(StringBuf, SwapHandsOverTheTextAndTheBufferCarriesOn) {
         EXPECT_STREQ(s2.c_str(), "short");
         os2 << "more";
         EXPECT_STREQ(os2.c_str(), "prefix:more");
+
+        // Swapping texts out and emptied storage back in, a hundred times:
+        // writing reuses what came in, growth never doubles idle capacity.
+        vrk::string out(alloc);
+        os.swap(out); // "next"
+        alloc.reset_requests();
+        for (int i = 0; i < 100; ++i) {
+            os << std::string(60 + i % 20, 'r').c_str();
+            out.clear();
+            os.swap(out);
+            ASSERT_EQ(out.size(), 60u + i % 20);
+        }
+        EXPECT_LE(alloc.largest_request(), 512u + 9u);
+        EXPECT_TRUE(os.good());
     }
     EXPECT_EQ(alloc.balance(), 0);
+
+    // A swap across allocators that fails after a short text has moved into
+    // the inline buffer leaves the buffer over that text, and usable.
+    vrk_test::test_allocator other;
+    {
+        vrk::osstream os(alloc);
+        os << "short";
+        vrk::string theirs(std::string(50, 't').c_str(), 50, other);
+        alloc.fail_from(alloc.requests());
+        EXPECT_THROW(os.swap(theirs), std::bad_alloc);
+        alloc.fail_never();
+        os << "+more";
+        EXPECT_STREQ(os.c_str(), "short+more");
+        EXPECT_EQ(theirs.size(), 50u);
+    }
+    EXPECT_EQ(alloc.balance(), 0);
+    EXPECT_EQ(other.balance(), 0);
 }
 
 TEST(StringBuf, SeekOnAnOutputOnlyBufferMovesTheWritePosition) {

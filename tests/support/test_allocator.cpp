@@ -23,7 +23,13 @@ struct header {
 void* test_allocator::take_(size_t size, const void* caller) noexcept {
     const long n = requests_++;
     last_caller_ = caller;
-    if (n == fail_at_.load() || (fail_from_.load() >= 0 && n >= fail_from_.load())) {
+    for (size_t seen = largest_; size > seen && !largest_.compare_exchange_weak(seen, size);) {
+    }
+    // No test needs more; a runaway growth fails here instead of touching
+    // gigabytes.
+    constexpr size_t MAX_REQUEST = size_t{128} << 20;
+    if (n == fail_at_.load() || (fail_from_.load() >= 0 && n >= fail_from_.load()) ||
+        size > MAX_REQUEST) {
         ++failures_;
         return nullptr;
     }
@@ -72,6 +78,7 @@ void test_allocator::deallocate(void* p) noexcept {
     h->magic = DEAD_MAGIC;
     --live_;
     bytes_ -= h->size;
+    std::memset(user, 0xdd, h->size); // a use after release reads garbage
     std::free(user - h->pad);
 }
 

@@ -17,7 +17,8 @@ namespace vrk_test {
 // Failure injection: with `fail_at(n)` the n-th request (0-based, counted
 // over allocateNoThrow and both allocate) fails, with `fail_from(n)` every
 // request from the n-th on. A failing `allocate` throws std::bad_alloc.
-// With `misalign(true)` every address is 8 bytes past a 16-byte boundary.
+// Requests above 128 MiB always fail. With `misalign(true)` every address is
+// 8 bytes past a 16-byte boundary.
 class test_allocator : public vrk::allocator {
 public:
     test_allocator() = default;
@@ -38,20 +39,25 @@ public:
     long failures() const noexcept { return failures_.load(); }
     long bad_releases() const noexcept { return bad_releases_.load(); }
     size_t bytes_in_use() const noexcept { return bytes_.load(); }
+    // The largest single request seen since construction or reset_requests.
+    size_t largest_request() const noexcept { return largest_.load(); }
     const void* last_caller() const noexcept { return last_caller_.load(); }
 
     void fail_at(long n) noexcept { fail_at_ = n; fail_from_ = -1; }
     void fail_from(long n) noexcept { fail_from_ = n; fail_at_ = -1; }
     void fail_never() noexcept { fail_at_ = -1; fail_from_ = -1; }
     void misalign(bool on) noexcept { misalign_ = on; }
-    // Forgets the request count (not the balance).
-    void reset_requests() noexcept { requests_ = 0; }
+    // Forgets the request count and the largest request (not the balance).
+    void reset_requests() noexcept {
+        requests_ = 0;
+        largest_ = 0;
+    }
 
 private:
     void* take_(size_t size, const void* caller) noexcept;
 
     std::atomic<long> live_{0}, requests_{0}, allocations_{0}, failures_{0}, bad_releases_{0};
-    std::atomic<size_t> bytes_{0};
+    std::atomic<size_t> bytes_{0}, largest_{0};
     std::atomic<const void*> last_caller_{nullptr};
     std::atomic<long> fail_at_{-1}, fail_from_{-1};
     std::atomic<bool> misalign_{false};

@@ -7,6 +7,7 @@
 // `impl::auto_ptr_ref`, as with the classic auto_ptr, and on move.
 #pragma once
 
+#include <cstddef>
 #include <type_traits>
 #include <utility>
 
@@ -23,6 +24,8 @@ template <class T> struct auto_ptr_ref {
     allocator* p_alloc_;
 };
 } // namespace impl
+
+class auto_ptr_mem_ref;
 
 template <class T, class D = default_deleter> class auto_ptr {
 public:
@@ -71,6 +74,17 @@ public:
     }
 
 private:
+    friend class auto_ptr_mem_ref;
+
+    // Memory for an object still being built: owned as raw memory, never
+    // destroyed as a T (see auto_ptr_mem_ref).
+    void take_memory_(void* p, allocator* alloc) noexcept {
+        reset_c_();
+        p_object_ = static_cast<T*>(p);
+        p_alloc_ = alloc;
+    }
+    void drop_memory_() noexcept { p_object_ = nullptr; }
+
     void reset_c_() noexcept {
         T* p = std::exchange(p_object_, nullptr);
         if (p == nullptr)
@@ -88,4 +102,56 @@ private:
     allocator* p_alloc_ = nullptr;
 };
 
+// The owning pointer an object is being allocated for, in the owning
+// placement allocation below:
+//
+//     auto_ptr<exception, default_deleter> result;
+//     ::new (auto_ptr_mem_ref(result), alloc, 0) my_error(...);
+//     return result;
+//
+// The memory belongs to `result` before the constructor runs; if the
+// constructor throws, the matching placement delete takes it back from
+// `result` and returns it to the allocator, so nothing leaks and `result`
+// never destroys an object that was not built. `result` takes the memory's
+// address as its T*, so T must lie at the start of the object built (as a
+// class derived from T alone does).
+class auto_ptr_mem_ref {
+public:
+    template <class T, class D>
+    explicit auto_ptr_mem_ref(auto_ptr<T, D>& owner) noexcept
+        : p_owner_(&owner), take_(&take_as_<T, D>), drop_(&drop_as_<T, D>) {}
+
+    void take(void* p, allocator& alloc) const noexcept { take_(p_owner_, p, &alloc); }
+    void drop() const noexcept { drop_(p_owner_); }
+
+private:
+    template <class T, class D> static void take_as_(void* owner, void* p, allocator* a) noexcept {
+        static_cast<auto_ptr<T, D>*>(owner)->take_memory_(p, a);
+    }
+    template <class T, class D> static void drop_as_(void* owner) noexcept {
+        static_cast<auto_ptr<T, D>*>(owner)->drop_memory_();
+    }
+
+    void* p_owner_;
+    void (*take_)(void*, void*, allocator*) noexcept;
+    void (*drop_)(void*) noexcept;
+};
+
 } // namespace vrk
+
+// The owning placement allocation: `size` + `extra` bytes from `alloc`
+// (`extra` for data kept behind the object), handed to the owning pointer
+// before construction. Throws what the allocator throws.
+inline void* operator new(std::size_t size, const vrk::auto_ptr_mem_ref& owner,
+                          vrk::allocator& alloc, std::size_t extra) {
+    void* p = alloc.allocate(size + extra < size ? ~std::size_t{0} : size + extra);
+    owner.take(p, alloc);
+    return p;
+}
+
+// Called only when the constructor throws: the memory goes back unbuilt.
+inline void operator delete(void* p, const vrk::auto_ptr_mem_ref& owner, vrk::allocator& alloc,
+                            std::size_t) noexcept {
+    owner.drop();
+    alloc.deallocate(p);
+}

@@ -165,11 +165,14 @@ public:
     // The class-specific part of the base class's header.
     static constexpr uint32_t DEFAULT_TYPE_CHECK = 0xFACADE01u;
     // Longest file name, message or stack text the reader accepts (16 MiB);
-    // longer lengths are taken as hostile and rejected before allocating.
+    // longer lengths are taken as hostile and rejected before allocating,
+    // and the writer fails its stream rather than write one.
     static constexpr uint32_t MAX_WIRE_TEXT = 16u << 20;
 
     // Writes the type header and the body of this exception and its chain;
-    // marks every block processed. Does not flush or check the stream.
+    // marks every block processed. Does not flush or check the stream. A
+    // text that cannot be written whole (its scratch memory failed, or it is
+    // longer than MAX_WIRE_TEXT) sets badbit instead: check `out` afterwards.
     void serialize(ostream& out, bool suppress_stack) const;
     // Reads one serialized exception; the object comes from `alloc`, its
     // blocks from the default allocator. Bad input raises runtime_error and

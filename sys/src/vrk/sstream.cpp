@@ -140,8 +140,12 @@ void basic_stringbuf<char>::swap(basic_string<char>& s) {
         char* end = text_end_();
         const size_t len = static_cast<size_t>(end - out_beg_);
         if (own_storage_(out_beg_)) {
+            const streamoff in_pos = (mode_ & impl::in) != 0 ? in_cur_ - in_beg_ : 0;
             *end = '\0';
             string_.raw_resize(len, true);
+            // A short text has moved into the inline buffer: the areas follow
+            // it now, so that a swap that fails below leaves them valid.
+            sync_(string_.data(), in_pos, static_cast<streamoff>(len));
         } else {
             // The text is in a caller's array: hand over a copy.
             string_.assign(out_beg_, len);
@@ -150,7 +154,10 @@ void basic_stringbuf<char>::swap(basic_string<char>& s) {
     string_.swap(s);
     setg(nullptr, nullptr, nullptr);
     setp(nullptr, nullptr);
-    if (!string_.empty() && !string_.is_read_only())
+    // The areas cover whatever storage came in, an empty string's included:
+    // writing fills that storage before growing, and growth doubles a full
+    // area, never capacity that sits idle behind an empty text.
+    if (!string_.is_read_only())
         sync_(string_.data(), 0, static_cast<streamoff>(string_.size()));
 }
 

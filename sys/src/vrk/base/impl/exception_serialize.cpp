@@ -84,6 +84,10 @@ void check_length_(uint32_t len, const void* caller) {
                                  exception::MAX_WIRE_TEXT);
 }
 
+uint32_t big_endian_(const unsigned char (&b)[4]) noexcept {
+    return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | uint32_t{b[3]};
+}
+
 // Reads exactly `len` bytes to `dst`; a shorter input is an error.
 void read_exact_(istream& inp, char* dst, size_t len, size_t total, size_t done,
                  const void* caller) {
@@ -105,7 +109,9 @@ char* read_text_(istream& inp, uint32_t len, allocator& ma, const void* caller) 
     pending_buffer buf(ma, static_cast<char*>(ma.allocate(cap, caller)));
     size_t have = 0;
     for (;;) {
-        const size_t step = (cap < len ? cap : len) - have;
+        // The last place of the buffer is kept for the NUL: a length that
+        // is exactly a buffer size takes one more step.
+        const size_t step = (cap - 1 < len ? cap - 1 : len) - have;
         read_exact_(inp, buf.get() + have, step, len, have, caller);
         have += step;
         if (have == len)
@@ -147,8 +153,7 @@ uint32_t exception::read_int(istream& inp) {
     // zeros and fails the next magic-word check.
     unsigned char bytes[4] = {0, 0, 0, 0};
     inp.read(reinterpret_cast<char*>(bytes), 4);
-    return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 |
-           uint32_t{bytes[3]};
+    return big_endian_(bytes);
 }
 
 // ---------------------------------------------------------------------------
@@ -193,39 +198,52 @@ exception::default_creator(istream& inp, allocator& alloc) {
     const uint32_t check = read_int(inp);
     if (check != DEFAULT_TYPE_CHECK)
         throw_bad_pattern_(__LINE__, caller, check, DEFAULT_TYPE_CHECK);
-    void* raw = alloc.allocate(sizeof(exception), caller);
-    // The constructor cannot throw: the memory passes to its owner at once.
-    return auto_ptr<exception, default_deleter>(
-        ::new (raw) exception(static_cast<volatile exception_data*>(nullptr)), &alloc);
+    auto_ptr<exception, default_deleter> result;
+    ::new (auto_ptr_mem_ref(result), alloc, 0)
+        exception(static_cast<volatile exception_data*>(nullptr));
+    return result;
 }
 
 // ---------------------------------------------------------------------------
 // Writer
 
 void exception::deflate(ostream& out, bool suppress_stack) const {
+    // Writes one byte string. A text the reader would refuse (longer than
+    // MAX_WIRE_TEXT), or one that did not reach the scratch stream whole, is
+    // not written at all: it fails `out` with badbit, so the caller, who
+    // checks the stream after serializing, knows the bytes are incomplete.
+    const auto write_text = [&out](const char* p, size_t len, bool whole) {
+        if (!whole || len > MAX_WIRE_TEXT) {
+            out.setstate(ios_base::badbit);
+            return;
+        }
+        write_int(out, static_cast<uint32_t>(len));
+        if (len != 0)
+            out.write(p, static_cast<streamsize>(len));
+    };
+    const auto write_file = [&](const faultprot_cstring& file) {
+        write_text(file.get(), file.get() != nullptr ? file.len() : 0, true);
+    };
+
     exception cur_exp(p_fst_);
     if (cur_exp.p_fst_ == nullptr) {
         write_int(out, BADALLOC_NODE);
         write_int(out, static_cast<uint32_t>(err_no_));
         write_int(out, static_cast<uint32_t>(line_));
-        const size_t len = file_.get() != nullptr ? file_.len() : 0;
-        write_int(out, static_cast<uint32_t>(len));
-        if (len != 0)
-            out.write(file_.get(), static_cast<streamsize>(len));
+        write_file(file_);
         return;
     }
 
-    // One scratch stream for every text; its text is swapped out into
-    // `text` and the storage comes back for the next one.
+    // One scratch stream for every text. Each text is moved out into a
+    // string of its own and the stream is left empty, so the writer never
+    // holds more than its longest text, whatever the number of texts.
     allocator& ma = default_allocator();
     osstream scratch(ma);
-    string text(ma);
     const auto write_scratch = [&]() {
-        text.clear();
+        string text(ma);
         scratch.rdbuf()->swap(text);
-        write_int(out, static_cast<uint32_t>(text.size()));
-        if (!text.empty())
-            out.write(text.data(), static_cast<streamsize>(text.size()));
+        write_text(text.data(), text.size(), scratch.good());
+        scratch.clear();
     };
 
     for (;;) {
@@ -236,11 +254,7 @@ void exception::deflate(ostream& out, bool suppress_stack) const {
             write_int(out, static_cast<uint32_t>(node->err_no_));
             write_int(out, static_cast<uint32_t>(node->bad_alloc_));
             write_int(out, static_cast<uint32_t>(node->line_));
-            const faultprot_cstring file = node->file_;
-            const size_t len = file.get() != nullptr ? file.len() : 0;
-            write_int(out, static_cast<uint32_t>(len));
-            if (len != 0)
-                out.write(file.get(), static_cast<streamsize>(len));
+            write_file(node->file_);
             node->expand(scratch);
             write_scratch();
         }
@@ -338,9 +352,16 @@ __attribute__((noinline)) void exception::inflate(istream& inp) {
 }
 
 void exception::inflate_badalloc_(istream& inp, const void* caller) {
-    err_no_ = static_cast<int>(read_int(inp));
-    line_ = static_cast<int>(read_int(inp));
-    const uint32_t fname_len = read_int(inp);
+    // No magic word follows these three, so a short input would go unnoticed
+    // and decode as zeros: each must arrive whole.
+    const auto word = [&]() {
+        unsigned char b[4];
+        read_exact_(inp, reinterpret_cast<char*>(b), 4, 4, 0, caller);
+        return big_endian_(b);
+    };
+    err_no_ = static_cast<int>(word());
+    line_ = static_cast<int>(word());
+    const uint32_t fname_len = word();
     if (fname_len == 0)
         return; // stays without a block, with its creator's file name
     allocator& ma = default_allocator();
