@@ -114,40 +114,6 @@ TEST_F(FaultSweep, CreatingAndThrowingDegradesIntoCodesAndTheFallbackText) {
     });
 }
 
-TEST_F(FaultSweep, AppendingMessagesStopsAtTheFirstLostMessage) {
-    fault_sweep("append_messages", [](const fault_point& fp) {
-        exception e(FILE_A, 42, ALPHA, FRAMES);
-        for (int k = 1; k <= 3; ++k)
-            e.append_message("sys/x/beta.cpp", k, 100 + k,
-                             (std::string(30 * k, 'm') + std::to_string(k)).c_str());
-        // The model: a lost stack buffer or message closes the list for good.
-        long req = 0;
-        if (fp.fails(req++)) {
-            EXPECT_EQ(short_form(e), fallback_of(7, FILE_A, 42));
-            return;
-        }
-        exception_model m{{7, "alpha failed", fp.fails(req++) ? 2 : 0}};
-        bool closed = m.back().code != 0;
-        for (int k = 1; k <= 3 && !closed; ++k) {
-            closed = fp.fails(req++);
-            if (closed)
-                m.back().code = exception_node::MESSAGE_FAILED;
-            else
-                m.push_back({100 + k, std::string(30 * k, 'm') + std::to_string(k), 0});
-        }
-        // A closed list takes no further message, and asks for no memory.
-        const long before = fp.alloc.requests();
-        e.append_message("sys/x/beta.cpp", 9, 109, "late");
-        if (closed)
-            EXPECT_EQ(fp.alloc.requests(), before);
-        else if (fp.fails(req++))
-            m.back().code = exception_node::MESSAGE_FAILED;
-        else
-            m.push_back({109, "late", 0});
-        EXPECT_EQ(short_form(e), short_form_of({m}));
-    });
-}
-
 TEST_F(FaultSweep, AChainKeepsEveryMemberThatHasABlockInOrder) {
     fault_sweep("append_exceptions", [](const fault_point& fp) {
         // Each exception asks for its block, then, when it got one, for its
@@ -265,9 +231,10 @@ TEST_F(FaultSweep, GrowingStringsKeepTheirTextWhenGrowthFails) {
     });
 }
 
-// Every kind of argument, a second message and an argument on it: the first
-// lost parameter or message closes the exception's list for good, and the
-// text is that of the operations before it plus the note of the loss.
+// Every kind of argument, a second message and arguments on it: the first
+// lost parameter or message closes the exception's list for good (later
+// requests that would succeed add nothing), and the text is that of the
+// operations before it plus the note of the loss.
 TEST_F(FaultSweep, ALostParameterOrMessageClosesTheListWithItsNote) {
     using namespace vrk;
     using apply = void (*)(exception&, const exception& nested);
