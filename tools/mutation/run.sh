@@ -102,8 +102,10 @@ run_one() {
     if [[ $verdict == caught ]]; then caught=$((caught + 1)); else missed=$((missed + 1)); fi
 }
 
+# The list is read whole first: it may be edited while a run goes on.
+mapfile -t lines <"$list"
 name='' file='' old=''
-while IFS= read -r line || [[ -n $line ]]; do
+for line in "${lines[@]}"; do
     case $line in
     '== '*) name=${line#== } file='' old='' ;;
     'file '*) file=${line#file } ;;
@@ -114,7 +116,7 @@ while IFS= read -r line || [[ -n $line ]]; do
         run_one "$name" "$file" "$old" "$new"
         ;;
     esac
-done <"$list"
+done
 
 # Leave the copy built as the tree is.
 cmake --build "$build" >"$log/final-build.txt" 2>&1
