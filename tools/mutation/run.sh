@@ -31,10 +31,22 @@ tree=$work/tree
 build=$tree/build/dev
 log=$work/log
 mkdir -p "$tree" "$log"
-# A fresh copy of the sources (time stamps kept, so ninja rebuilds only what
-# changed since the last run); the build directory stays.
-find "$tree" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
-tar -C "$root" --exclude=./build --exclude=./.git --exclude=./.cache -cf - . | tar -C "$tree" -xf -
+# The copy follows the sources: a file that differs is copied with a new
+# time stamp (so ninja rebuilds what depends on it, whatever the source's
+# own time stamp), a file that is gone is removed; the build directory stays.
+stage=$work/stage
+rm -rf "$stage"
+mkdir -p "$stage"
+tar -C "$root" --exclude=./build --exclude=./.git --exclude=./.cache -cf - . | tar -C "$stage" -xf -
+(cd "$tree" && find . -path ./build -prune -o -type f -print) | while IFS= read -r f; do
+    [[ -e $stage/$f ]] || rm -f "$tree/$f"
+done
+(cd "$stage" && find . -type f -print) | while IFS= read -r f; do
+    if ! cmp -s "$stage/$f" "$tree/$f"; then
+        mkdir -p "$(dirname "$tree/$f")"
+        cp "$stage/$f" "$tree/$f"
+    fi
+done
 
 # The installed-package check builds a product from scratch: it tests the
 # packaging, not the code, and takes long.
