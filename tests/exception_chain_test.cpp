@@ -2,6 +2,7 @@
 // appends, the shared word's states and the lock table.
 #include <vector>
 
+#include "support/forms.hpp"
 #include "support/test_host.hpp"
 
 namespace {
@@ -21,12 +22,7 @@ const volatile exception_data* pred_of(const exception& e) {
     auto* d = const_cast<volatile exception_data*>(e.data());
     return exception_data::pc_type::pointer_of(d->pc_.read());
 }
-std::vector<int> chain_numbers(const exception& head) {
-    std::vector<int> out;
-    for (exception x = head; x.data() != nullptr; x = x.get_next())
-        out.push_back(x.error_no());
-    return out;
-}
+using vrk_test::chain_numbers;
 
 class ExceptionChain : public vrk_test::counted_fixture {
 protected:

@@ -21,8 +21,7 @@ constexpr char GUARD = '\x5a', FILL = '\x7e'; // neither is ever produced
 
 // Runs `write` on `size` FILL characters between guard runs; returns the
 // characters changed (from the start) and fails the test if a guard moved.
-template <class F>
-std::string guarded(size_t size, F write) {
+template <class F> std::string guarded(size_t size, F write) {
     std::string raw(size + 2 * PAD, GUARD);
     std::fill_n(raw.begin() + PAD, size, FILL);
     write(raw.data() + PAD);
@@ -35,33 +34,28 @@ std::string guarded(size_t size, F write) {
 }
 
 template <class T>
-void check(T v, uint32_t length, int radix, uint32_t width, bool ok, const std::string& want, int line) {
+void check(T v, uint32_t length, int radix, uint32_t width, bool ok, const std::string& want,
+           int line) {
     char* r = nullptr;
     char* base = nullptr;
-    const std::string got = guarded(length, [&](char* b) { base = b, r = iToA<T>(v, b, length, radix, width); });
+    const std::string got =
+        guarded(length, [&](char* b) { base = b, r = iToA<T>(v, b, length, radix, width); });
     EXPECT_EQ(got, want) << "line " << line;
     EXPECT_EQ(r, ok ? base : nullptr) << "line " << line;
 }
 // Expected bytes may hold zeros: the literal "12\0" stands for three characters.
-template <size_t N>
-std::string bytes_of(const char (&s)[N]) { return std::string(s, N - 1); }
+template <size_t N> std::string bytes_of(const char (&s)[N]) { return std::string(s, N - 1); }
 std::string bytes_of(std::string s) { return s; }
-#define ITOA_CASE(T, v, length, radix, width, ok, bytes) \
+#define ITOA_CASE(T, v, length, radix, width, ok, bytes)                                           \
     check<T>(static_cast<T>(v), length, radix, width, ok, bytes_of(bytes), __LINE__)
 
 const long LMIN = std::numeric_limits<long>::min();
 
-TEST(Itoa, WidthsPadInFrontOfTheSign) {
-    // Plain texts of every type and radix are compared with std::to_chars
-    // below; these widths go beyond what that comparison pads.
-    ITOA_CASE(int, -5, 150, 10, 11, true, "000000000-5");
-    ITOA_CASE(unsigned long, 0, 64, 16, 16, true, "0000000000000000");
-    ITOA_CASE(unsigned int, 5, 10, 2, 4, true, "0101");
+// Plain texts of every type and radix, the least room that fits, one less,
+// and small paddings are compared with std::to_chars below; these cases go
+// beyond what that comparison covers.
+TEST(Itoa, WidthsAndTheTextLeftAfterANullResult) {
     ITOA_CASE(int, 42, 100, 10, 99, true, std::string(97, '0') + "42");
-    ITOA_CASE(int, -5, 64, 2, 6, true, "00-101"); // outside 8/10/16 the sign counts as a digit
-}
-
-TEST(Itoa, NullResultLeavesTheClippedText) {
     // Longer than the width: the last `width` characters in radix 8/10/16 ...
     ITOA_CASE(int, 1234567, 72, 10, 6, false, "234567");
     ITOA_CASE(int, -1234567, 72, 10, 6, false, "234567"); // the sign is lost
@@ -71,9 +65,6 @@ TEST(Itoa, NullResultLeavesTheClippedText) {
     ITOA_CASE(unsigned int, 12, 2, 2, 3, false, "11");
     ITOA_CASE(int, -5, 64, 2, 3, false, "-10");
     // Natural text too long: what fits, then a terminator.
-    ITOA_CASE(unsigned long, 12345, 4, 10, 0, false, "123\0");
-    ITOA_CASE(unsigned long, 12345, 5, 10, 0, false, "1234\0");
-    ITOA_CASE(unsigned int, 12, 4, 2, 0, false, "110\0");
     ITOA_CASE(int, 7, 1, 10, 0, false, "\0");
     // Width beyond the buffer: the start of the padded text, also for widths
     // larger than any scratch array.
@@ -93,7 +84,8 @@ TEST(Itoa, NullResultLeavesTheClippedText) {
 
 TEST(Itoa, WriteIntegerCountsAndWidths) {
     auto run = [](auto v, size_t size, uint32_t flags, int width, unsigned long count) {
-        return guarded(size, [&](char* b) { EXPECT_EQ(write_integer(v, b, FmtFlags(flags), width), count); });
+        return guarded(
+            size, [&](char* b) { EXPECT_EQ(write_integer(v, b, FmtFlags(flags), width), count); });
     };
     EXPECT_EQ(run(LMIN, 21, FmtFlags_dec, 0, 21), std::string("-9223372036854775808", 21));
     EXPECT_EQ(run(-5, 4, FmtFlags_dec, 4, 4), "00-5");
@@ -126,8 +118,7 @@ TEST(Itoa, WriteIntegerCountsAndWidths) {
 
 // 0, +-1, 10^k - 1, 10^k, 2^k - 1, 2^k, min, max and random values of every
 // length.
-template <class T>
-std::vector<T> interesting_values() {
+template <class T> std::vector<T> interesting_values() {
     using L = std::numeric_limits<T>;
     using U = std::make_unsigned_t<T>;
     std::vector<T> v = {T(0), T(1), T(-1), L::max(), T(L::max() - 1), L::min(), T(L::min() + 1)};
@@ -148,8 +139,7 @@ std::vector<T> interesting_values() {
 
 // to_chars of the value as this library reads it: plain char unsigned, octal
 // and hexadecimal as the bit pattern, letters upper case outside radix 16.
-template <class T>
-std::string reference(T v, int radix) {
+template <class T> std::string reference(T v, int radix) {
     char out[80];
     using U = std::make_unsigned_t<T>;
     const auto r = std::is_same_v<T, char> || radix == 8 || radix == 16
@@ -157,12 +147,12 @@ std::string reference(T v, int radix) {
                        : std::to_chars(out, out + sizeof out, v, radix);
     std::string s(out, r.ptr);
     if (radix != 16)
-        std::transform(s.begin(), s.end(), s.begin(), [](char c) { return static_cast<char>(std::toupper(c)); });
+        std::transform(s.begin(), s.end(), s.begin(),
+                       [](char c) { return static_cast<char>(std::toupper(c)); });
     return s;
 }
 
-template <class T>
-void compare_with_to_chars() {
+template <class T> void compare_with_to_chars() {
     for (T v : interesting_values<T>()) {
         for (int radix : {2, 3, 7, 8, 10, 16, 31, 36}) {
             const std::string want = reference(v, radix);
@@ -173,8 +163,11 @@ void compare_with_to_chars() {
             check<T>(v, 80, radix, n, true, want, __LINE__);
             check<T>(v, 80, radix, n + 3, true, "000" + want, __LINE__);
             if (radix == 8 || radix == 10 || radix == 16) {
-                const FmtFlags f = radix == 8 ? FmtFlags_oct : radix == 10 ? FmtFlags_dec : FmtFlags_hex;
-                EXPECT_EQ(guarded(n + 1, [&](char* b) { EXPECT_EQ(write_integer<T>(v, b, f, 0), n + 1); }),
+                const FmtFlags f = radix == 8    ? FmtFlags_oct
+                                   : radix == 10 ? FmtFlags_dec
+                                                 : FmtFlags_hex;
+                EXPECT_EQ(guarded(n + 1,
+                                  [&](char* b) { EXPECT_EQ(write_integer<T>(v, b, f, 0), n + 1); }),
                           want + '\0');
             }
         }

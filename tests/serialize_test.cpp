@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/forms.hpp"
 #include "support/test_host.hpp"
 #include "vrk/exception_types.hpp"
 #include "vrk/sstream.hpp"
@@ -20,7 +21,7 @@ using bytes = std::vector<unsigned char>;
 
 const vrk::error_code BOOM{7, "boom", nullptr};
 const vrk::error_code OPEN_FAILED{1000123, "Cannot open $FILE$", nullptr};
-const void* const NO_STACK = exception::CALLER_SUPPRESS_STACK_TRACE;
+using vrk_test::NO_STACK;
 
 bytes to_bytes(vrk::osstream& os) {
     vrk::string s = os.str();

@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/forms.hpp"
 #include "support/test_host.hpp"
 #include "vrk/sstream.hpp"
 
@@ -63,7 +64,7 @@ private:
 const vrk::error_code CODE{9, "shared", nullptr};
 
 vrk::error_code code_for(int n) { return vrk::error_code{n, "worker", nullptr}; }
-const void* const NO_STACK = exception::CALLER_SUPPRESS_STACK_TRACE;
+using vrk_test::NO_STACK;
 
 // Thread `t` appends `each` exceptions numbered 100 + 10 t + i to the chain
 // of `mine`.
@@ -80,12 +81,7 @@ const char* const FOUR_WORKERS = "exception 0: worker\n"
                                  "exception 3: worker\n";
 
 // The error numbers along a chain, from `head` on.
-std::vector<int> walk(const exception& head) {
-    std::vector<int> seen;
-    for (exception x = head; x.data() != nullptr; x = x.get_next())
-        seen.push_back(x.error_no());
-    return seen;
-}
+constexpr auto walk = &vrk_test::chain_numbers;
 
 bool is_prefix(const std::vector<int>& part, const std::vector<int>& whole) {
     return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());

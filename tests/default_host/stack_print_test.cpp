@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../support/forms.hpp"
 #include "vrk/exception.hpp"
 #include "vrk/ext/heap_allocator.hpp"
 #include "vrk/host/frame_names.hpp"
@@ -24,12 +25,7 @@ int g_throw_line = 0;
 int g_call_line = 0;
 const void* g_thrower_return = nullptr;
 
-std::string long_form(const vrk::exception& e) {
-    heap_allocator heap;
-    vrk::osstream os(heap);
-    os << e;
-    return os.c_str();
-}
+using vrk_test::long_form;
 
 // The line of the printed trace that starts with "#<index> ".
 std::string frame_line(const std::string& text, int index) {

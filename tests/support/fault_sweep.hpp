@@ -39,18 +39,13 @@ struct fault_point {
     }
 };
 
-struct sweep_stats {
-    long points = 0; // allocation requests of the healthy run
-    long runs = 0;   // runs made, the healthy one included
-};
-
 // Runs `scenario(const fault_point&)` over every failure point. The scenario
 // checks its own degraded result with gtest assertions; the driver checks
 // the balance, double releases, that the chosen request really failed (the
 // requests are made in the same order as in the counting run up to it) and
 // that nothing escaped. Prints one line with the counts when all passed.
-template <class Scenario> sweep_stats fault_sweep(const char* name, Scenario&& scenario) {
-    sweep_stats stats;
+template <class Scenario> void fault_sweep(const char* name, Scenario&& scenario) {
+    long runs = 0;
     auto run = [&](fault_point::mode_t mode, long index) -> long {
         test_allocator alloc;
         if (mode == fault_point::AT)
@@ -66,7 +61,7 @@ template <class Scenario> sweep_stats fault_sweep(const char* name, Scenario&& s
             ADD_FAILURE() << "an exception escaped the scenario";
         }
         set_default_allocator(nullptr);
-        ++stats.runs;
+        ++runs;
         EXPECT_EQ(alloc.balance(), 0) << "blocks leaked";
         EXPECT_EQ(alloc.bad_releases(), 0) << "a block was released twice or by a stranger";
         if (mode == fault_point::AT) {
@@ -77,21 +72,14 @@ template <class Scenario> sweep_stats fault_sweep(const char* name, Scenario&& s
         return alloc.requests();
     };
 
-    stats.points = run(fault_point::NONE, -1);
-    EXPECT_GT(stats.points, 0) << name << ": the scenario allocates nothing";
-    for (long i = 0; i < stats.points && !::testing::Test::HasFatalFailure(); ++i)
-        run(fault_point::AT, i);
-    for (long i = 0; i < stats.points && !::testing::Test::HasFatalFailure(); ++i)
-        run(fault_point::FROM, i);
-
-    if (!::testing::Test::HasFailure()) {
+    const long points = run(fault_point::NONE, -1);
+    EXPECT_GT(points, 0) << name << ": the scenario allocates nothing";
+    for (auto mode : {fault_point::AT, fault_point::FROM})
+        for (long i = 0; i < points && !::testing::Test::HasFatalFailure(); ++i)
+            run(mode, i);
+    if (!::testing::Test::HasFailure())
         std::printf("[ fault sweep ] %-34s %3ld failure points, %4ld runs: all passed\n", name,
-                    stats.points, stats.runs);
-        std::fflush(stdout);
-    }
-    ::testing::Test::RecordProperty(std::string("failure_points_") + name,
-                                    static_cast<int>(stats.points));
-    return stats;
+                    points, runs);
 }
 
 } // namespace vrk_test
