@@ -25,7 +25,9 @@ public:
     // prefix (0x hexadecimal, 0 octal, otherwise decimal). Stops at the first
     // character that is not a digit. No digit: failbit and 0. A value out of
     // range: failbit and the nearest limit. Reaching the end adds eofbit.
-    // For unsigned long a leading - negates the value, as strtoul does.
+    // For the unsigned types a leading - negates the value in the type, as
+    // strtoul does (-1 reads as the largest value); a magnitude beyond the
+    // type's range is out of range whatever the sign.
     iter_type get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
                   long& v) const {
         return do_get(in, end, str, err, v);
@@ -34,12 +36,18 @@ public:
                   unsigned long& v) const {
         return do_get(in, end, str, err, v);
     }
+    iter_type get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
+                  unsigned int& v) const {
+        return do_get(in, end, str, err, v);
+    }
 
 protected:
     virtual iter_type do_get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
                              long& v) const;
     virtual iter_type do_get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
                              unsigned long& v) const;
+    virtual iter_type do_get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
+                             unsigned int& v) const;
 };
 
 } // namespace vrk
