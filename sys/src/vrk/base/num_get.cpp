@@ -41,12 +41,14 @@ parsed parse(num_get::iter_type& in, const num_get::iter_type& end, ios_base& st
     else if (basefield == ios_base::hex)
         base = 16;
     if ((basefield == ios_base::hex || basefield == 0) && !(in == end) && *in == '0') {
-        // A leading 0 is a digit in its own right: "0x" without hex digits
-        // still reads as 0.
+        // A leading 0 is a digit in its own right, but the prefix 0x needs
+        // hex digits after it: "0x" alone fails, as with the standard
+        // streams.
         p.any_digit_ = true;
         ++in;
         if (!(in == end) && (*in == 'x' || *in == 'X')) {
             base = 16;
+            p.any_digit_ = false;
             ++in;
         } else if (basefield == 0) {
             base = 8;

@@ -23,8 +23,9 @@ public:
     // `str.flags() & basefield`: octal, hexadecimal (an optional 0x or 0X
     // prefix is accepted), decimal, or, with no base flag, the base of the
     // prefix (0x hexadecimal, 0 octal, otherwise decimal). Stops at the first
-    // character that is not a digit. No digit: failbit and 0. A value out of
-    // range: failbit and the nearest limit. Reaching the end adds eofbit.
+    // character that is not a digit. No digit (a 0x prefix alone has none):
+    // failbit and 0. A value out of range: failbit and the nearest limit.
+    // Reaching the end adds eofbit.
     // For the unsigned types a leading - negates the value in the type, as
     // strtoul does (-1 reads as the largest value); a magnitude beyond the
     // type's range is out of range whatever the sign.
