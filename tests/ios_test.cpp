@@ -1,9 +1,10 @@
-// The stream layer: padding, integer formatting, state bits and the
-// exceptions mask, absorption of buffer and facet exceptions by kind, short
-// reads, unit buffering, ties, the format guard and missing facets.
+// The stream layer where it cannot be compared with the standard streams (the
+// streams fuzz target does that for formatting, extraction, state bits, short
+// writes and absorbed exceptions): the exceptions mask, vrk exceptions and
+// forced unwinds from the buffer, unit buffering, ties, the format guard,
+// missing facets and the library's own rules.
 #include <pthread.h>
 
-#include <climits>
 #include <stdexcept>
 #include <string>
 
@@ -94,74 +95,12 @@ protected:
 
 using IosMask = vrk_test::host_fixture;
 
-template <class T> std::string formatted(T v, ios_base::fmtflags flags, int width = 0, char fill = ' ') {
-    scripted_buf buf;
-    vrk::ostream os(&buf);
-    os.flags(flags);
-    os.fill(fill);
-    os << vrk::setw(width) << v;
-    EXPECT_TRUE(os.good());
-    EXPECT_EQ(os.width(), 0);
-    return buf.text();
-}
+// Every open mode is also a member of ios_base, with its fixed value.
+static_assert(ios_base::app == 1 && ios_base::ate == 2 && ios_base::binary == 4 &&
+              ios_base::in == 8 && ios_base::out == 16 && ios_base::trunc == 32 &&
+              ios_base::sync == 64);
 
-TEST(IosFormat, TextIsPaddedToTheWidthOnTheChosenSide) {
-    {
-        scripted_buf buf;
-        vrk::ostream os(&buf);
-        os << vrk::setw(5) << "ab" << "|";
-        os.setf(ios_base::left, ios_base::adjustfield);
-        os << vrk::setw(5) << "ab" << "|";
-        os << vrk::setw(1) << "abc" << "|" << vrk::setfill('*') << vrk::setw(3) << 'x';
-        EXPECT_EQ(buf.text(), "   ab|ab   |abc|x**");
-        EXPECT_EQ(os.width(), 0);
-        EXPECT_TRUE(os.good());
-    }
-    {
-        // write ignores and keeps the width; put does not pad.
-        scripted_buf buf;
-        vrk::ostream os(&buf);
-        os.width(4);
-        os.write("ab", 2).put('c');
-        EXPECT_EQ(os.width(), 4);
-        os << "d";
-        EXPECT_EQ(buf.text(), "abc   d");
-    }
-}
-
-TEST(IosFormat, IntegersFollowBaseSignPrefixCaseAndAdjustment) {
-    const ios_base::fmtflags dec = ios_base::dec;
-    const ios_base::fmtflags hex = ios_base::hex;
-    const ios_base::fmtflags oct = ios_base::oct;
-    EXPECT_EQ(formatted(0L, dec), "0");
-    EXPECT_EQ(formatted(-42L, dec, 6), "   -42");
-    EXPECT_EQ(formatted(-42L, dec | ios_base::left, 6, '.'), "-42...");
-    EXPECT_EQ(formatted(-42L, dec | ios_base::internal, 6, '0'), "-00042");
-    EXPECT_EQ(formatted(42L, dec | ios_base::showpos), "+42");
-    EXPECT_EQ(formatted(0L, dec | ios_base::showpos), "+0");
-    EXPECT_EQ(formatted(LONG_MIN, dec), "-9223372036854775808");
-    EXPECT_EQ(formatted(ULONG_MAX, dec | ios_base::showpos), "18446744073709551615");
-    EXPECT_EQ(formatted(255L, hex), "ff");
-    EXPECT_EQ(formatted(255L, hex | ios_base::showbase | ios_base::uppercase), "0XFF");
-    EXPECT_EQ(formatted(255L, hex | ios_base::showbase | ios_base::internal, 8, '0'), "0x0000ff");
-    EXPECT_EQ(formatted(0L, hex | ios_base::showbase), "0");
-    EXPECT_EQ(formatted(-1L, hex | ios_base::showpos), "ffffffffffffffff");
-    EXPECT_EQ(formatted(15L, oct | ios_base::showbase), "017");
-    // An int goes to the facet as its unsigned pattern in octal and hex.
-    EXPECT_EQ(formatted(-1, hex), "ffffffff");
-    EXPECT_EQ(formatted(-1, oct), "37777777777");
-    EXPECT_EQ(formatted(INT_MIN, oct), "20000000000");
-    EXPECT_EQ(formatted(-1, dec), "-1");
-    EXPECT_EQ(formatted(static_cast<short>(-1), hex), "ffff");
-    EXPECT_EQ(formatted(4000000000U, dec), "4000000000");
-    EXPECT_EQ(formatted(static_cast<unsigned char>(200), dec), "\xc8");
-    EXPECT_EQ(formatted(true, dec), "1");
-    EXPECT_EQ(formatted(false, ios_base::boolalpha, 7), "  false");
-    EXPECT_EQ(formatted(reinterpret_cast<const void*>(0x1234), dec), "0x1234");
-    // No base flag at all means decimal.
-    EXPECT_EQ(formatted(-7L, static_cast<ios_base::fmtflags>(0)), "-7");
-}
-
+// The output sentry fails any stream that is not good, eofbit alone too.
 TEST(IosState, FailedStreamWritesNothingAndRaisesOnlyUnderTheMask) {
     {
         scripted_buf buf;
@@ -182,13 +121,6 @@ TEST(IosState, FailedStreamWritesNothingAndRaisesOnlyUnderTheMask) {
         EXPECT_EQ(os.rdstate(), ios_base::goodbit);
         os << "x";
         EXPECT_EQ(os.rdstate(), ios_base::failbit | ios_base::badbit);
-    }
-    {
-        // A null C string sets badbit.
-        scripted_buf buf;
-        vrk::ostream os(&buf);
-        os << static_cast<const char*>(nullptr);
-        EXPECT_EQ(os.rdstate(), ios_base::badbit);
     }
 }
 
@@ -217,45 +149,14 @@ TEST_F(IosMask, FailureOfAStateTheMaskCoversRaisesBasicIosClear) {
     EXPECT_THROW(os2.exceptions(ios_base::eofbit), vrk::ios_failure);
 }
 
-TEST(IosState, ShortWritesAndRefusedPaddingSetBadbit) {
-    struct short_write {
-        size_t cap;
-        void (*write)(vrk::ostream&);
-        const char* text;
-    };
-    const short_write cases[] = {
-        {3, [](vrk::ostream& os) { os << "abcdef"; }, "abc"},
-        // Right adjustment: the fill fails, so the text is skipped.
-        {2, [](vrk::ostream& os) { os << vrk::setw(4) << "ab"; }, "  "},
-        // Left adjustment: the text goes first, then the fill fails.
-        {3, [](vrk::ostream& os) { os << vrk::left << vrk::setw(4) << "ab"; }, "ab "},
-        // A refused character of an integer fails the facet's iterator.
-        {2, [](vrk::ostream& os) { os << 12345L; }, "12"},
-        {0, [](vrk::ostream& os) { os.put('x'); }, ""},
-        {1, [](vrk::ostream& os) { os.write("xy", 2); }, "x"},
-    };
-    for (const short_write& c : cases) {
-        SCOPED_TRACE(c.text);
-        scripted_buf buf(c.cap);
-        vrk::ostream os(&buf);
-        c.write(os);
-        EXPECT_EQ(buf.text(), c.text);
-        EXPECT_EQ(os.rdstate(), ios_base::badbit);
-        EXPECT_EQ(os.width(), 0);
-        // A bad stream fails the next write before it starts.
-        os << "g";
-        EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
-        EXPECT_EQ(buf.text(), c.text);
-    }
-}
-
 using IosAbsorb = vrk_test::host_fixture;
 
 TEST_F(IosAbsorb, VrkExceptionFromTheBufferIsDumpedOrRethrownUnderBadbit) {
     {
         scripted_buf buf(2, scripted_buf::THROW_VRK);
         vrk::ostream os(&buf);
-        os << "abc" << "d";
+        os << "abc"
+           << "d";
         EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
         EXPECT_EQ(counters().caught, 1);
         EXPECT_EQ(buf.text(), "ab");
@@ -292,11 +193,10 @@ TEST_F(IosAbsorb, VrkExceptionFromTheBufferIsDumpedOrRethrownUnderBadbit) {
 
 TEST_F(IosAbsorb, StandardExceptionsAreAbsorbedAndOtherThrowsPassUntouched) {
     {
+        // Absorption without the mask is compared with the standard streams
+        // by the streams fuzz target.
         scripted_buf buf(0, scripted_buf::THROW_STD);
         vrk::ostream os(&buf);
-        os.put('x');
-        EXPECT_EQ(os.rdstate(), ios_base::badbit);
-        os.clear();
         os.exceptions(ios_base::badbit);
         EXPECT_THROW(os.put('x'), std::runtime_error);
         EXPECT_EQ(os.rdstate(), ios_base::badbit);
@@ -426,63 +326,6 @@ TEST_F(IosMask, NullFacetFailsWhereAFacetIsNeededWhateverTheMask) {
     expect_null_facet([&] { os2 << 1; });
 }
 
-TEST(IosInput, ReadsAndFormattedExtraction) {
-    {
-        scripted_buf buf;
-        buf.set_input("abc");
-        vrk::istream is(&buf);
-        char out[8] = {};
-        is.read(out, 4);
-        EXPECT_STREQ(out, "abc");
-        EXPECT_EQ(is.gcount(), 3);
-        EXPECT_EQ(is.rdstate(), ios_base::eofbit | ios_base::failbit);
-        is.read(out, 1);
-        EXPECT_EQ(is.gcount(), 0);
-    }
-    {
-        scripted_buf buf;
-        buf.set_input(" 42\n-7 0x1f 077 99999999999 -2147483648 x");
-        vrk::istream is(&buf);
-        long a = 0;
-        int b = 0;
-        unsigned long c = 0;
-        is >> a >> b;
-        EXPECT_EQ(a, 42);
-        EXPECT_EQ(b, -7);
-        is >> vrk::hex >> c;
-        EXPECT_EQ(c, 0x1fUL);
-        is.unsetf(ios_base::basefield); // the prefix decides
-        is >> a;
-        EXPECT_EQ(a, 077);
-        is >> vrk::dec >> b;
-        EXPECT_EQ(b, INT_MAX);
-        EXPECT_EQ(is.rdstate(), ios_base::failbit);
-        is.clear();
-        is >> b;
-        EXPECT_EQ(b, INT_MIN);
-        EXPECT_TRUE(is.good());
-        is >> a;
-        EXPECT_EQ(a, 0);
-        EXPECT_EQ(is.rdstate(), ios_base::failbit);
-        is.clear();
-        char ch = 0;
-        is >> ch;
-        EXPECT_EQ(ch, 'x');
-        is >> ch;
-        EXPECT_EQ(is.rdstate(), ios_base::eofbit | ios_base::failbit);
-    }
-    {
-        // Skipping white space into the end records eofbit and fails.
-        scripted_buf buf;
-        buf.set_input("  \t");
-        vrk::istream is(&buf);
-        long a = 1;
-        is >> a;
-        EXPECT_EQ(is.rdstate(), ios_base::eofbit | ios_base::failbit);
-        EXPECT_EQ(a, 1);
-    }
-}
-
 TEST(IosMisc, FaultprotCstringPrintsItsTextOrNothing) {
     scripted_buf buf;
     vrk::ostream os(&buf);
@@ -492,18 +335,12 @@ TEST(IosMisc, FaultprotCstringPrintsItsTextOrNothing) {
     EXPECT_TRUE(os.good());
 }
 
-TEST(IosMisc, WordStoreKeepsItsLocalSlotsAndNeverAllocates) {
+TEST(IosMisc, WordStoreBeyondItsLocalSlotsIsAScratchWord) {
     scripted_buf buf;
     vrk::ostream os(&buf);
-    const int a = vrk::ios_base::xalloc();
-    const int b = vrk::ios_base::xalloc();
-    EXPECT_NE(a, b);
+    EXPECT_NE(vrk::ios_base::xalloc(), vrk::ios_base::xalloc());
     os.iword(3) = 77;
-    os.pword(7) = &buf;
-    EXPECT_EQ(os.iword(3), 77);
-    EXPECT_EQ(os.pword(7), &buf);
-    // Beyond the local slots: a scratch word, zero again at each call.
-    os.iword(8) = 5;
+    os.iword(8) = 5; // zero again at the next call: the store never allocates
     EXPECT_EQ(os.iword(8), 0);
     EXPECT_EQ(os.pword(-1), nullptr);
     EXPECT_EQ(os.iword(3), 77);

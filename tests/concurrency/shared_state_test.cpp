@@ -11,6 +11,7 @@
 
 #include "support/forms.hpp"
 #include "support/test_host.hpp"
+#include "vrk/base/impl/bad_alloc_text.hpp"
 #include "vrk/exception_types.hpp"
 #include "vrk/iomanip.hpp"
 
@@ -112,6 +113,21 @@ TEST(SharedString, CopiesInManyThreadsReleaseTheBlockExactlyOnce) {
     EXPECT_EQ(ta.balance(), 0);
     EXPECT_EQ(ta.bad_releases(), 0);
     EXPECT_EQ(ta.allocations(), 1 + THREADS * ((ROUNDS + 2) / 3));
+}
+
+// The fallback text is one process-wide array: a new thread reaches it
+// without allocating thread storage, and threads filling it at once do not
+// race (the thread sanitizer build checks the stores).
+TEST_F(SharedState, FallbackTextIsOneArrayFilledWithoutRaces) {
+    const char* mine = vrk::impl::getBadAllocMsg(1, "main.x", 1);
+    in_threads([&](int t) {
+        int bad = 0;
+        for (int r = 0; r < 200; ++r)
+            bad += vrk::impl::getBadAllocMsg(t + r, t % 2 != 0 ? "a.x" : "bb/c.x", r) != mine;
+        return bad;
+    });
+    EXPECT_EQ(std::string(vrk::impl::getBadAllocMsg(7, "z.x", 3)).substr(15, 84),
+              "          7 (" + std::string(61, ' ') + "z.x:     3");
 }
 
 } // namespace

@@ -13,37 +13,47 @@ namespace {
 using istream_t = basic_istream<char>;
 constexpr int END = char_traits<char>::eof();
 
-template <class T> istream_t& extract_number(istream_t& is, T& v) {
+// Reads a number through the num_get facet; false when the extraction did
+// not get to store a value (the sentry failed or the buffer threw), so that
+// the caller's target stays as it was.
+template <class T> bool extract_number(istream_t& is, T& v) {
     istream_t::sentry ok(is);
     if (!ok)
-        return is;
+        return false;
     basic_ios<char>::require_facet_(is.num_get_facet());
     ios_base::iostate err = ios_base::goodbit;
     if (!impl::stream_region(is, [&] {
             is.num_get_facet()->get(istreambuf_iterator(is.rdbuf()), istreambuf_iterator(), is, err,
                                     v);
         }))
-        return is;
+        return false;
     if (err != ios_base::goodbit)
         is.setstate(err);
+    return true;
+}
+
+// Reads a long and narrows it to int; out of range: failbit, the limit.
+istream_t& extract_int(istream_t& is, int& v) {
+    long w = 0;
+    if (!extract_number(is, w))
+        return is;
+    if (w < INT_MIN) {
+        v = INT_MIN;
+        is.setstate(ios_base::failbit);
+    } else if (w > INT_MAX) {
+        v = INT_MAX;
+        is.setstate(ios_base::failbit);
+    } else {
+        v = static_cast<int>(w);
+    }
     return is;
 }
 
-// Reads a long and narrows it to [lo, hi]; out of range: failbit, the limit.
-template <class T, class Wide> istream_t& extract_narrow(istream_t& is, T& v, Wide lo, Wide hi) {
-    Wide w = 0;
-    extract_number(is, w);
-    if (is.bad())
-        return is;
-    if (w < lo) {
-        v = static_cast<T>(lo);
-        is.setstate(ios_base::failbit);
-    } else if (w > hi) {
-        v = static_cast<T>(hi);
-        is.setstate(ios_base::failbit);
-    } else {
-        v = static_cast<T>(w);
-    }
+// Reads through the facet's type W, which has the range of T.
+template <class W, class T> istream_t& extract_same_range(istream_t& is, T& v) {
+    W w = 0;
+    if (extract_number(is, w))
+        v = w;
     return is;
 }
 
@@ -71,8 +81,12 @@ basic_istream<char>::sentry::sentry(basic_istream& is, bool noskip) : ok_(false)
                     }
                     if (c == END)
                         recorded |= ios_base::eofbit;
-                }))
+                })) {
+                // Absorbed: badbit is set; failbit joins it, as for any
+                // preparation that failed.
+                is.setstate(ios_base::failbit);
                 return;
+            }
             if (ctype_missing)
                 basic_ios<char>::require_facet_(nullptr);
         }
@@ -92,8 +106,11 @@ int basic_istream<char>::get() {
     if (!ok)
         return END;
     int c = END;
-    if (!impl::stream_region(*this, [&] { c = rdbuf()->sbumpc(); }))
+    // Nothing was taken when the buffer threw: failbit joins badbit.
+    if (!impl::stream_region(*this, [&] { c = rdbuf()->sbumpc(); })) {
+        setstate(failbit);
         return END;
+    }
     if (c == END)
         setstate(eofbit | failbit);
     else
@@ -169,27 +186,24 @@ basic_istream<char>& basic_istream<char>::ignore(streamsize n, int delim) {
     return *this;
 }
 
-basic_istream<char>& basic_istream<char>::operator>>(long& v) { return extract_number(*this, v); }
+basic_istream<char>& basic_istream<char>::operator>>(long& v) {
+    extract_number(*this, v);
+    return *this;
+}
 basic_istream<char>& basic_istream<char>::operator>>(unsigned long& v) {
-    return extract_number(*this, v);
+    extract_number(*this, v);
+    return *this;
 }
-basic_istream<char>& basic_istream<char>::operator>>(int& v) {
-    return extract_narrow(*this, v, long{INT_MIN}, long{INT_MAX});
-}
+basic_istream<char>& basic_istream<char>::operator>>(int& v) { return extract_int(*this, v); }
 basic_istream<char>& basic_istream<char>::operator>>(unsigned int& v) {
-    return extract_narrow(*this, v, 0UL, static_cast<unsigned long>(UINT_MAX));
+    extract_number(*this, v);
+    return *this;
 }
 basic_istream<char>& basic_istream<char>::operator>>(long long& v) {
-    long w = 0;
-    extract_number(*this, w);
-    v = w;
-    return *this;
+    return extract_same_range<long>(*this, v);
 }
 basic_istream<char>& basic_istream<char>::operator>>(unsigned long long& v) {
-    unsigned long w = 0;
-    extract_number(*this, w);
-    v = w;
-    return *this;
+    return extract_same_range<unsigned long>(*this, v);
 }
 
 streampos basic_istream<char>::tellg() {

@@ -61,7 +61,9 @@ public:
     }
 
     // Integers through the num_get facet; a value out of the type's range
-    // sets failbit and stores the nearest limit.
+    // sets failbit and stores the nearest limit (unsigned types: see
+    // num_get). When extraction cannot start (the sentry fails) or the
+    // buffer throws, the target is left as it was.
     basic_istream& operator>>(long& v);
     basic_istream& operator>>(unsigned long& v);
     basic_istream& operator>>(int& v);

@@ -78,8 +78,9 @@ public:
             return impl::ostreamInsert(*this, static_cast<long>(static_cast<unsigned int>(v)));
         return impl::ostreamInsert(*this, static_cast<long>(v));
     }
+    // Unsigned values go through the unsigned overload: they never get a +.
     basic_ostream& operator<<(unsigned int v) {
-        return impl::ostreamInsert(*this, static_cast<long>(v));
+        return impl::ostreamInsert(*this, static_cast<unsigned long>(v));
     }
     basic_ostream& operator<<(short v) {
         const fmtflags base = flags() & basefield;
@@ -88,7 +89,7 @@ public:
         return impl::ostreamInsert(*this, static_cast<long>(v));
     }
     basic_ostream& operator<<(unsigned short v) {
-        return impl::ostreamInsert(*this, static_cast<long>(v));
+        return impl::ostreamInsert(*this, static_cast<unsigned long>(v));
     }
     basic_ostream& operator<<(bool v) { return impl::ostreamInsert(*this, v); }
     basic_ostream& operator<<(const void* v) { return impl::ostreamInsert(*this, v); }

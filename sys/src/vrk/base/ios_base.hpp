@@ -51,6 +51,7 @@ public:
     static constexpr openmode in = impl::in;
     static constexpr openmode out = impl::out;
     static constexpr openmode trunc = impl::trunc;
+    static constexpr openmode sync = impl::sync;
 
     static constexpr seekdir beg = impl::beg;
     static constexpr seekdir cur = impl::cur;

@@ -41,12 +41,14 @@ parsed parse(num_get::iter_type& in, const num_get::iter_type& end, ios_base& st
     else if (basefield == ios_base::hex)
         base = 16;
     if ((basefield == ios_base::hex || basefield == 0) && !(in == end) && *in == '0') {
-        // A leading 0 is a digit in its own right: "0x" without hex digits
-        // still reads as 0.
+        // A leading 0 is a digit in its own right, but the prefix 0x needs
+        // hex digits after it: "0x" alone fails, as with the standard
+        // streams.
         p.any_digit_ = true;
         ++in;
         if (!(in == end) && (*in == 'x' || *in == 'X')) {
             base = 16;
+            p.any_digit_ = false;
             ++in;
         } else if (basefield == 0) {
             base = 8;
@@ -65,6 +67,22 @@ parsed parse(num_get::iter_type& in, const num_get::iter_type& end, ios_base& st
             p.mag_ = p.mag_ * base + ud;
     }
     return p;
+}
+
+// No digit: failbit and 0; a magnitude beyond U: failbit and U's largest
+// value; otherwise the value, negated in U after a -.
+template <class U> void store_unsigned(const parsed& p, U& v, ios_base::iostate& err) {
+    const U largest = static_cast<U>(~U{0});
+    if (!p.any_digit_) {
+        v = 0;
+        err |= ios_base::failbit;
+    } else if (p.overflow_ || p.mag_ > largest) {
+        v = largest;
+        err |= ios_base::failbit;
+    } else {
+        const U mag = static_cast<U>(p.mag_);
+        v = p.negative_ ? static_cast<U>(U{0} - mag) : mag;
+    }
 }
 
 } // namespace
@@ -99,15 +117,16 @@ num_get::iter_type num_get::do_get(iter_type in, iter_type end, ios_base& str,
 num_get::iter_type num_get::do_get(iter_type in, iter_type end, ios_base& str,
                                    ios_base::iostate& err, unsigned long& v) const {
     const parsed p = parse(in, end, str);
-    if (!p.any_digit_) {
-        v = 0;
-        err |= ios_base::failbit;
-    } else if (p.overflow_) {
-        v = ULONG_MAX;
-        err |= ios_base::failbit;
-    } else {
-        v = p.negative_ ? 0UL - p.mag_ : p.mag_;
-    }
+    store_unsigned(p, v, err);
+    if (in == end)
+        err |= ios_base::eofbit;
+    return in;
+}
+
+num_get::iter_type num_get::do_get(iter_type in, iter_type end, ios_base& str,
+                                   ios_base::iostate& err, unsigned int& v) const {
+    const parsed p = parse(in, end, str);
+    store_unsigned(p, v, err);
     if (in == end)
         err |= ios_base::eofbit;
     return in;

@@ -23,9 +23,12 @@ public:
     // `str.flags() & basefield`: octal, hexadecimal (an optional 0x or 0X
     // prefix is accepted), decimal, or, with no base flag, the base of the
     // prefix (0x hexadecimal, 0 octal, otherwise decimal). Stops at the first
-    // character that is not a digit. No digit: failbit and 0. A value out of
-    // range: failbit and the nearest limit. Reaching the end adds eofbit.
-    // For unsigned long a leading - negates the value, as strtoul does.
+    // character that is not a digit. No digit (a 0x prefix alone has none):
+    // failbit and 0. A value out of range: failbit and the nearest limit.
+    // Reaching the end adds eofbit.
+    // For the unsigned types a leading - negates the value in the type, as
+    // strtoul does (-1 reads as the largest value); a magnitude beyond the
+    // type's range is out of range whatever the sign.
     iter_type get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
                   long& v) const {
         return do_get(in, end, str, err, v);
@@ -34,12 +37,18 @@ public:
                   unsigned long& v) const {
         return do_get(in, end, str, err, v);
     }
+    iter_type get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
+                  unsigned int& v) const {
+        return do_get(in, end, str, err, v);
+    }
 
 protected:
     virtual iter_type do_get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
                              long& v) const;
     virtual iter_type do_get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
                              unsigned long& v) const;
+    virtual iter_type do_get(iter_type in, iter_type end, ios_base& str, ios_base::iostate& err,
+                             unsigned int& v) const;
 };
 
 } // namespace vrk

@@ -24,10 +24,10 @@ public:
     // hexadecimal for hex, otherwise decimal). Octal and hexadecimal show the
     // value's bit pattern, without sign. `showbase` puts 0 before octal and
     // 0x (0X with `uppercase`) before hexadecimal, except for the value 0;
-    // `showpos` puts + before a decimal value that is not negative. Pads to
-    // `str.width()` with `fill`: after the text for `left`, between sign or
-    // prefix and digits for `internal`, before it otherwise. Resets the width
-    // to 0.
+    // `showpos` puts + before a decimal value of the signed overload that is
+    // not negative. Pads to `str.width()` with `fill`: after the text for
+    // `left`, between sign or 0x and digits for `internal` (the octal 0 counts
+    // as a digit), before it otherwise. Resets the width to 0.
     iter_type put(iter_type out, ios_base& str, char fill, long v) const {
         return do_put(out, str, fill, v);
     }
@@ -38,7 +38,8 @@ public:
     iter_type put(iter_type out, ios_base& str, char fill, bool v) const {
         return do_put(out, str, fill, v);
     }
-    // Hexadecimal with the 0x prefix.
+    // Lower-case hexadecimal with the 0x prefix; the stream's flags are
+    // neither used for the base nor changed.
     iter_type put(iter_type out, ios_base& str, char fill, const void* v) const {
         return do_put(out, str, fill, v);
     }

@@ -9,8 +9,10 @@ namespace vrk::impl {
 
 // The 164-character one-line text for an exception without data block, with
 // error number, file name (its last 64 characters) and line (its last six
-// digits) in fixed right-aligned columns. Filled in place; the pointer is
-// valid until the calling thread's next call.
+// digits) in fixed right-aligned columns. Filled in place in one static
+// array shared by all threads, without lock or allocation; the text changes
+// with the next call from any thread, and a reader racing with another
+// thread's call may see a mix of both calls' fields.
 const char* getBadAllocMsg(int err_no, const char* p_file, int line) noexcept;
 
 // Notes for a node's failure code: index 0 the block itself, 1 a parameter,

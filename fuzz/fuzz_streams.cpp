@@ -1,0 +1,322 @@
+// Fuzz target: vrk streams against the standard streams. The input is a
+// header, an input text and a sequence of operations: settings (flags, width,
+// fill, precision), insertions of every integer type, characters, bools,
+// pointers, C strings and doubles, unformatted output, extractions and
+// unformatted input. Both sides run them over identical string-backed buffers
+// that can refuse or throw; after each step text, values, state bits and
+// counts must agree, except where DEVIATIONS says the library differs.
+//
+// Input: byte 0 the buffers' shape (bits 1-4 the put area size, bits 5-7 the
+// input chunk size less one), byte 1 bit 0 whether reading past the input
+// throws, byte 2 the input's length, the input, then operations: a code byte
+// (its value modulo the number of operations) and the operands.
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <istream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "vrk/ext/dtoa.hpp"
+#include "vrk/istream.hpp"
+
+namespace {
+
+// Where the library differs from the standard streams on purpose; each is
+// normalised in one place, marked with its name.
+enum deviation { DTOA, POINTER_FLAGS, FLUSH_SENTRY, WIDTH_AFTER_THROW, IGNORE_LOOKAHEAD, COUNT };
+[[maybe_unused]] constexpr const char* DEVIATIONS[COUNT][2] = {
+    {"doubles: vrk::dtoa against the standard stream's default notation at the same precision; "
+     "no flags or width, NaN skipped",
+     "the streams have no floating-point insertion; doubles become text only as message "
+     "arguments, through dtoa, which has no text for NaN"},
+    {"the standard stream's flags are put back after a pointer insertion",
+     "it stays in hex|showbase when the buffer throws; the library formats from a copy"},
+    {"flush (also endl's) of a stream that is not good runs on the library's stream only",
+     "the library's flush has no sentry: it syncs a failed stream and leaves its state"},
+    {"the standard stream's width is reset when the buffer threw in a text insertion",
+     "the library resets the width after every text insertion, whatever its outcome"},
+    {"ignore(n, delim) that took n characters: badbit from a throw is taken back",
+     "the standard stream reads ahead one character; the library stops after n"},
+};
+
+// Both libraries number flags and state bits alike, so one value serves both.
+constexpr int bits(auto v) { return static_cast<int>(v); }
+static_assert(bits(std::ios_base::uppercase) == bits(vrk::ios_base::uppercase) &&
+              bits(std::ios_base::boolalpha) == bits(vrk::ios_base::boolalpha) &&
+              bits(std::ios_base::failbit) == bits(vrk::ios_base::failbit) &&
+              bits(std::ios_base::eofbit) == bits(vrk::ios_base::eofbit));
+
+class reader {
+public:
+    reader(const uint8_t* p, size_t n) : p_(p), end_(p + n) {}
+    bool empty() const { return p_ == end_; }
+    uint8_t byte() { return p_ == end_ ? 0 : *p_++; }
+    // A value of T from the next bytes, zero-filled at the end of the input.
+    template <class T> T value() {
+        T v{};
+        const size_t n = std::min(sizeof v, static_cast<size_t>(end_ - p_));
+        std::memcpy(&v, p_, n);
+        p_ += n;
+        return v;
+    }
+    std::string text(size_t n) {
+        const char* from = reinterpret_cast<const char*>(p_);
+        p_ += std::min(n, static_cast<size_t>(end_ - p_));
+        return std::string(from, reinterpret_cast<const char*>(p_));
+    }
+
+private:
+    const uint8_t* p_;
+    const uint8_t* end_;
+};
+
+// A string-backed buffer over either library's base: a put area of
+// `put_size` characters, the input shown `chunk` characters at a time. After
+// `budget` further calls to overflow it refuses every character or throws.
+template <class Base> class limited_buf : public Base {
+public:
+    limited_buf(size_t put_size, size_t chunk, const std::string& input, bool throw_at_end)
+        : put_size_(put_size), chunk_(chunk), input_(input), throw_at_end_(throw_at_end) {
+        this->setp(area_, area_ + put_size_);
+        this->setg(input_.data(), input_.data(), input_.data());
+    }
+    void limit(int budget, bool throws) {
+        budget_ = budget;
+        throws_ = throws;
+    }
+    std::string text() const { return out_ + std::string(this->pbase(), this->pptr()); }
+    int thrown = 0;
+
+protected:
+    int overflow(int c) override {
+        if (c == EOF)
+            return 0;
+        if (budget_ == 0)
+            return throws_ ? fail() : EOF;
+        if (budget_ > 0)
+            --budget_;
+        out_.append(this->pbase(), this->pptr());
+        out_ += static_cast<char>(c);
+        this->setp(area_, area_ + put_size_);
+        return c;
+    }
+    int underflow() override {
+        const size_t left = static_cast<size_t>(input_.data() + input_.size() - this->gptr());
+        if (left == 0)
+            return throw_at_end_ ? fail() : EOF;
+        this->setg(this->eback(), this->gptr(), this->gptr() + (left < chunk_ ? left : chunk_));
+        return static_cast<unsigned char>(*this->gptr());
+    }
+
+private:
+    int fail() {
+        ++thrown;
+        throw std::runtime_error("buffer broke");
+    }
+    char area_[16];
+    size_t put_size_, chunk_;
+    std::string input_, out_;
+    bool throw_at_end_;
+    int budget_ = -1;
+    bool throws_ = false;
+};
+
+template <class Buf, class Out, class In> struct side {
+    side(size_t put_size, size_t chunk, const std::string& input, bool throw_at_end)
+        : out_buf(put_size, chunk, "", false), in_buf(put_size, chunk, input, throw_at_end) {}
+    Buf out_buf, in_buf;
+    Out os{&out_buf};
+    In is{&in_buf};
+};
+
+using vrk_side = side<limited_buf<vrk::basic_streambuf<char>>, vrk::ostream, vrk::istream>;
+using std_side = side<limited_buf<std::streambuf>, std::ostream, std::istream>;
+
+struct run {
+    vrk_side& v;
+    std_side& s;
+    int op = 0;
+
+    template <class T> void expect_equal(const char* what, const T& a, const T& b) {
+        if (a == b)
+            return;
+        std::ostringstream va, sa;
+        va << a;
+        sa << b;
+        std::fprintf(stderr, "operation %d: %s differs: vrk [%s], std [%s]\n", op, what,
+                     va.str().c_str(), sa.str().c_str());
+        std::abort();
+    }
+    // Runs f on both output streams, or on both input streams.
+    template <class F> void outs(F f) {
+        f(v.os);
+        f(s.os);
+    }
+    template <class F> void ins(F f) {
+        f(v.is);
+        f(s.is);
+    }
+    template <class T> void insert(T x) {
+        outs([&](auto& os) { os << x; });
+    }
+    template <class T> void insert_text(T x) {
+        const int thrown = s.out_buf.thrown;
+        insert(x);
+        if (s.out_buf.thrown != thrown) // WIDTH_AFTER_THROW
+            s.os.width(0);
+    }
+    template <class T> void extract(T init) {
+        T a = init, b = init;
+        v.is >> a;
+        s.is >> b;
+        expect_equal("extracted value", +a, +b);
+    }
+    void set_flags(unsigned bits) {
+        const unsigned f = bits & 0x7fff;
+        v.os.flags(static_cast<vrk::ios_base::fmtflags>(f));
+        v.is.flags(static_cast<vrk::ios_base::fmtflags>(f));
+        s.os.flags(static_cast<std::ios_base::fmtflags>(f));
+        s.is.flags(static_cast<std::ios_base::fmtflags>(f));
+    }
+    void double_text(double d) { // DTOA
+        char buf[128];
+        const char* text = vrk::dtoa(d, static_cast<int>(s.os.precision()), buf, sizeof buf);
+        std::ostringstream expect;
+        expect.precision(s.os.precision());
+        expect << d;
+        if (text != nullptr)
+            expect_equal("double text", std::string(text), expect.str());
+    }
+    void ignore(int n, int delim) {
+        const int thrown = s.in_buf.thrown;
+        v.is.ignore(n, delim);
+        s.is.ignore(n, delim);
+        if (s.is.gcount() == n && s.in_buf.thrown != thrown) // IGNORE_LOOKAHEAD
+            s.is.clear(s.is.rdstate() & ~std::ios_base::badbit);
+    }
+    void flush(bool with_newline) {
+        if (with_newline) {
+            v.os << vrk::endl;
+            s.os.put('\n');
+        } else {
+            v.os.flush();
+        }
+        if (s.os.good()) // FLUSH_SENTRY
+            s.os.flush();
+    }
+
+    void step(reader& in);
+};
+
+using op_fn = void (*)(run&, reader&);
+constexpr op_fn OPS[] = {
+    [](run& r, reader& in) { r.set_flags(in.value<uint16_t>()); },
+    [](run& r, reader& in) {
+        r.outs([w = static_cast<int8_t>(in.byte()) % 40](auto& os) { os.width(w); });
+    },
+    [](run& r, reader& in) {
+        r.outs([f = static_cast<char>(in.byte())](auto& os) { os.fill(f); });
+    },
+    [](run& r, reader& in) { r.outs([p = in.byte() % 40](auto& os) { os.precision(p); }); },
+    [](run& r, reader&) {
+        r.outs([](auto& os) { os.clear(); });
+        r.ins([](auto& is) { is.clear(); });
+    },
+    [](run& r, reader& in) {
+        const uint8_t b = in.byte();
+        r.v.out_buf.limit(b % 64, (b & 64) != 0);
+        r.s.out_buf.limit(b % 64, (b & 64) != 0);
+    },
+    [](run& r, reader& in) { r.insert(in.value<short>()); },
+    [](run& r, reader& in) { r.insert(in.value<unsigned short>()); },
+    [](run& r, reader& in) { r.insert(in.value<int>()); },
+    [](run& r, reader& in) { r.insert(in.value<unsigned int>()); },
+    [](run& r, reader& in) { r.insert(in.value<long>()); },
+    [](run& r, reader& in) { r.insert(in.value<unsigned long>()); },
+    [](run& r, reader& in) { r.insert(in.value<long long>()); },
+    [](run& r, reader& in) { r.insert(in.value<unsigned long long>()); },
+    [](run& r, reader& in) { r.insert_text(static_cast<char>(in.byte())); },
+    [](run& r, reader& in) { r.insert_text(static_cast<signed char>(in.byte())); },
+    [](run& r, reader& in) { r.insert_text(static_cast<unsigned char>(in.byte())); },
+    [](run& r, reader& in) { r.insert((in.byte() & 1) != 0); },
+    [](run& r, reader& in) {
+        const std::ios_base::fmtflags kept = r.s.os.flags();
+        r.insert(reinterpret_cast<const void*>(in.value<uintptr_t>()));
+        r.s.os.flags(kept); // POINTER_FLAGS
+    },
+    [](run& r, reader& in) {
+        const uint8_t n = in.byte();
+        r.insert_text(n == 255 ? nullptr : in.text(n % 24).c_str());
+    },
+    [](run& r, reader& in) { r.double_text(in.value<double>()); },
+    [](run& r, reader& in) { r.outs([c = static_cast<char>(in.byte())](auto& os) { os.put(c); }); },
+    [](run& r, reader& in) {
+        const std::string t = in.text(in.byte() % 24);
+        r.outs([&](auto& os) { os.write(t.data(), static_cast<long>(t.size())); });
+    },
+    [](run& r, reader&) { r.flush(true); },
+    [](run& r, reader&) { r.flush(false); },
+    [](run& r, reader& in) { r.extract(in.value<long>()); },
+    [](run& r, reader& in) { r.extract(in.value<unsigned long>()); },
+    [](run& r, reader& in) { r.extract(in.value<int>()); },
+    [](run& r, reader& in) { r.extract(in.value<unsigned int>()); },
+    [](run& r, reader& in) { r.extract(in.value<long long>()); },
+    [](run& r, reader& in) { r.extract(in.value<unsigned long long>()); },
+    [](run& r, reader& in) { r.extract(static_cast<char>(in.byte())); },
+    [](run& r, reader&) { r.expect_equal("get", r.v.is.get(), r.s.is.get()); },
+    [](run& r, reader&) { r.expect_equal("peek", r.v.is.peek(), r.s.is.peek()); },
+    [](run& r, reader& in) {
+        char a[32] = {}, b[32] = {};
+        const uint8_t n = in.byte() % 32;
+        r.v.is.read(a, n);
+        r.s.is.read(b, n);
+        r.expect_equal("read", std::string(a, n), std::string(b, n));
+    },
+    [](run& r, reader& in) {
+        const uint8_t n = in.byte(), d = in.byte();
+        switch (n % 5) {
+        case 0:
+            return r.ignore(n / 5, d == 255 ? EOF : d);
+        case 1:
+            return r.ins([](auto& is) { is.unget(); });
+        case 2:
+            return r.ins([d](auto& is) { is.putback(static_cast<char>(d)); });
+        case 3:
+            r.v.is >> vrk::ws;
+            r.s.is >> std::ws;
+            return;
+        default:
+            r.v.os << vrk::ends;
+            r.s.os << std::ends;
+        }
+    },
+};
+
+void run::step(reader& in) {
+    OPS[in.byte() % (sizeof OPS / sizeof OPS[0])](*this, in);
+    expect_equal("output state", bits(v.os.rdstate()), bits(s.os.rdstate()));
+    expect_equal("input state", bits(v.is.rdstate()), bits(s.is.rdstate()));
+    expect_equal("count", bits(v.is.gcount()), bits(s.is.gcount()));
+    expect_equal("width", bits(v.os.width()), bits(s.os.width()));
+    expect_equal("flags", bits(v.os.flags()), bits(s.os.flags()));
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    reader in(data, size);
+    const uint8_t shape = in.byte(), more = in.byte();
+    const std::string input = in.text(in.byte());
+    const size_t put_size = (shape >> 1) % 16, chunk = 1 + (shape >> 5);
+    vrk_side v{put_size, chunk, input, (more & 1) != 0};
+    std_side s{put_size, chunk, input, (more & 1) != 0};
+    run r{v, s};
+    for (; !in.empty() && r.op < 200; ++r.op)
+        r.step(in);
+    r.expect_equal("text", v.out_buf.text(), s.out_buf.text());
+    return 0;
+}
