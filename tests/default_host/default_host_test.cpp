@@ -31,6 +31,7 @@ const vrk::error_code CODE{21, "default host", nullptr};
 // finds the thread's stack without the heap; a caller that is not on the
 // stack sends the capture to the top.
 TEST(DefaultHost, ThreadsHaveTheirOwnListAndCaptureWithoutTheHeap) {
+    const long at_start = g_mallocs.load();
     vrk::exception e("f", 1, CODE);
     e.mark_processed();
     e.register_on_thread();
@@ -39,20 +40,16 @@ TEST(DefaultHost, ThreadsHaveTheirOwnListAndCaptureWithoutTheHeap) {
         EXPECT_EQ(vrk::exception::get_first_registered(), nullptr);
         void* frames[32];
         const long start = g_mallocs.load();
-        for (uintptr_t caller : {0, 0, 16})
-            EXPECT_GE(vrk_extern::import::save_stack_trace(frames, 32,
-                                                           reinterpret_cast<const void*>(caller)),
-                      2u);
+        const void* const callers[] = {nullptr, nullptr, reinterpret_cast<void*>(16)};
+        for (const void* caller : callers)
+            EXPECT_GE(vrk_extern::import::save_stack_trace(frames, 32, caller), 2u);
         mallocs = g_mallocs.load() - start;
     }).join();
     EXPECT_EQ(vrk::exception::get_first_registered(), &e);
     e.unregister_on_thread();
 #ifdef VRK_COUNT_MALLOC
     EXPECT_EQ(mallocs, 0);
-    const long before = g_mallocs.load();
-    void* p = malloc(8); // the counter itself works
-    EXPECT_EQ(g_mallocs.load(), before + 1);
-    free(p);
+    EXPECT_GT(g_mallocs.load(), at_start) << "the counter counts the exception's block";
 #endif
 }
 
@@ -77,7 +74,6 @@ TEST(DefaultHost, DestructorsAtExitThrowAndCatch) {
             static throws_when_destroyed at_exit;
             std::thread([] {
                 thread_local throws_when_destroyed first;
-                (void)&first;
                 throws_when_destroyed now;
             }).join();
             std::exit(0);

@@ -80,31 +80,28 @@ void check_trace() {
     std::snprintf(start, sizeof start, "#1  0x%016lx ",
                   reinterpret_cast<unsigned long>(g_thrower_return));
     EXPECT_EQ(f1.rfind(start, 0), 0u) << f1;
-    EXPECT_NE(f0.find(" vrk_test_throw_site()+0x"), std::string::npos) << f0;
-    EXPECT_NE(f0.find(" (vrk_default_host_tests)"), std::string::npos) << f0;
+    const auto has = [](const std::string& line, const std::string& part) {
+        return line.find(part) != std::string::npos;
+    };
+    EXPECT_TRUE(has(f0, " vrk_test_throw_site()+0x") && has(f0, " (vrk_default_host_tests)")) << f0;
     if (vrk::host::frame_names::reads_debug_info()) {
-        EXPECT_NE(f0.find("stack_print_test.cpp:" + std::to_string(g_throw_line)),
-                  std::string::npos)
-            << f0;
-        EXPECT_NE(f1.find(" (anonymous namespace)::call_throw_site()+0x"), std::string::npos) << f1;
-        EXPECT_NE(f1.find("stack_print_test.cpp:" + std::to_string(g_call_line)), std::string::npos)
+        EXPECT_TRUE(has(f0, "stack_print_test.cpp:" + std::to_string(g_throw_line))) << f0;
+        EXPECT_TRUE(has(f1, " (anonymous namespace)::call_throw_site()+0x") &&
+                    has(f1, "stack_print_test.cpp:" + std::to_string(g_call_line)))
             << f1;
     } else {
-        EXPECT_EQ(f0.find(" at "), std::string::npos) << f0;
         EXPECT_EQ(f1.substr(22), " (vrk_default_host_tests)") << "no function named: " << f1;
     }
 }
 
 TEST(DefaultHostStackPrint, FramesNameTheThrowSiteAlsoFromSeveralThreadsAtOnce) {
     check_trace();
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads; // joined when the test ends
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([] {
             for (int i = 0; i < 25 && !testing::Test::HasFailure(); ++i)
                 check_trace();
         });
-    for (std::thread& t : threads)
-        t.join();
 }
 
 } // namespace
