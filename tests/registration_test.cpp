@@ -4,6 +4,8 @@
 #include <exception>
 #include <future>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "support/test_host.hpp"
 #include "vrk/ext/buffer_stream.hpp"

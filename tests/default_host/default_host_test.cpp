@@ -31,7 +31,7 @@ const vrk::error_code CODE{21, "default host", nullptr};
 // finds the thread's stack without the heap; a caller that is not on the
 // stack sends the capture to the top.
 TEST(DefaultHost, ThreadsHaveTheirOwnListAndCaptureWithoutTheHeap) {
-    const long at_start = g_mallocs.load();
+    [[maybe_unused]] const long at_start = g_mallocs.load();
     vrk::exception e("f", 1, CODE);
     e.mark_processed();
     e.register_on_thread();

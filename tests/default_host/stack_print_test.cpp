@@ -90,11 +90,11 @@ void check_trace() {
                     has(f1, "stack_print_test.cpp:" + std::to_string(g_call_line)))
             << f1;
     } else {
-        EXPECT_EQ(f1.substr(22), " (vrk_default_host_tests)") << "no function named: " << f1;
+        EXPECT_EQ(f1, start + std::string("(vrk_default_host_tests)")) << "no function named";
     }
 }
 
-TEST(DefaultHostStackPrint, FramesNameTheThrowSiteAlsoFromSeveralThreadsAtOnce) {
+TEST(DefaultHostStackPrint, FramesNameTheThrowSiteInEveryThread) {
     check_trace();
     std::vector<std::jthread> threads; // joined when the test ends
     for (int t = 0; t < 4; ++t)
