@@ -2,7 +2,7 @@
 // call in front of each return address; with debug information read (libdw),
 // the throw site's file:line and the names of functions that have no dynamic
 // symbol; without, function+offset from exported symbols and the module.
-#include <cstdlib>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,13 +19,9 @@ namespace {
 
 const vrk::error_code CODE{31, "printed trace", nullptr};
 
-using vrk::heap_allocator;
-
 int g_throw_line = 0;
 int g_call_line = 0;
 const void* g_thrower_return = nullptr;
-
-using vrk_test::long_form;
 
 // The line of the printed trace that starts with "#<index> ".
 std::string frame_line(const std::string& text, int index) {
@@ -55,64 +51,58 @@ __attribute__((noinline)) void call_throw_site() {
     vrk_test_throw_site();
 }
 
-std::string caught_trace() {
-    try {
-        call_throw_site();
-    } catch (const vrk::exception& e) {
-        return long_form(e);
-    }
-    return "";
-}
+} // namespace
 
-TEST(DefaultHostStackPrint, FramesNameTheThrowSite) {
+// Exported and right behind call_throw_site: a lookup of the return address
+// itself, not of the call in front of it, would name this function.
+void vrk_test_behind_call_site() {}
+
+namespace {
+
+// Frame 0 is inside the function holding the throw site, frame 1 the call
+// of that function, printed as its return address.
+void check_trace() {
     std::string text;
     try {
         call_throw_site();
     } catch (const vrk::exception& e) {
         void** frames = nullptr;
         ASSERT_GE(e.stack_trace(&frames), 2);
-        // Frame 0 is inside the function holding the throw site, frame 1 the
-        // call of that function.
         EXPECT_EQ(frames[1], g_thrower_return);
-        text = long_form(e);
+        vrk::heap_allocator heap;
+        vrk::osstream os(heap);
+        os << e;
+        text = os.c_str();
     }
     ASSERT_NE(text.find("exception throw location:\n#0  0x"), std::string::npos) << text;
     const std::string f0 = frame_line(text, 0);
     const std::string f1 = frame_line(text, 1);
-    EXPECT_NE(f0.find(" vrk_test_throw_site()+0x"), std::string::npos) << f0;
-    EXPECT_NE(f0.find(" (vrk_default_host_tests)"), std::string::npos) << f0;
+    char start[40];
+    std::snprintf(start, sizeof start, "#1  0x%016lx ",
+                  reinterpret_cast<unsigned long>(g_thrower_return));
+    EXPECT_EQ(f1.rfind(start, 0), 0u) << f1;
+    const auto has = [](const std::string& line, const std::string& part) {
+        return line.find(part) != std::string::npos;
+    };
+    EXPECT_TRUE(has(f0, " vrk_test_throw_site()+0x") && has(f0, " (vrk_default_host_tests)")) << f0;
     if (vrk::host::frame_names::reads_debug_info()) {
-        EXPECT_NE(f0.find("stack_print_test.cpp:" + std::to_string(g_throw_line)),
-                  std::string::npos)
-            << f0;
-        EXPECT_NE(f1.find(" (anonymous namespace)::call_throw_site()+0x"), std::string::npos) << f1;
-        EXPECT_NE(f1.find("stack_print_test.cpp:" + std::to_string(g_call_line)), std::string::npos)
+        EXPECT_TRUE(has(f0, "stack_print_test.cpp:" + std::to_string(g_throw_line))) << f0;
+        EXPECT_TRUE(has(f1, " (anonymous namespace)::call_throw_site()+0x") &&
+                    has(f1, "stack_print_test.cpp:" + std::to_string(g_call_line)))
             << f1;
     } else {
-        EXPECT_EQ(f0.find(" at "), std::string::npos) << f0;
-        EXPECT_EQ(f1.find("call_throw_site"), std::string::npos) << f1;
-        EXPECT_NE(f1.find(" (vrk_default_host_tests)"), std::string::npos) << f1;
+        EXPECT_EQ(f1, start + std::string("(vrk_default_host_tests)")) << "no function named";
     }
 }
 
-TEST(DefaultHostStackPrint, PrintingFromSeveralThreadsAtOnce) {
-    const std::string expected = caught_trace();
-    std::vector<std::thread> threads;
-    std::vector<int> mismatches(4, 0);
+TEST(DefaultHostStackPrint, FramesNameTheThrowSiteInEveryThread) {
+    check_trace();
+    std::vector<std::jthread> threads; // joined when the test ends
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 25; ++i) {
-                // The first lines (exception heading and frames 0 and 1) do
-                // not depend on the thread.
-                const std::string got = caught_trace();
-                if (frame_line(got, 1) != frame_line(expected, 1) ||
-                    frame_line(got, 0) != frame_line(expected, 0))
-                    ++mismatches[t];
-            }
+        threads.emplace_back([] {
+            for (int i = 0; i < 25 && !testing::Test::HasFailure(); ++i)
+                check_trace();
         });
-    for (std::thread& t : threads)
-        t.join();
-    EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
 
 } // namespace
