@@ -100,6 +100,7 @@ struct harness {
     holder h[SLOTS];
     int texts = 0;   // unique markers and names of appended texts
     int reports = 0; // forgotten exceptions the sequence earned
+    int dumps = 0;   // caught exceptions the sequence reported
     long failures = alloc.failures();
 
     // Whether some block of a held chain links to `b`.
@@ -254,11 +255,12 @@ struct harness {
                 CHECK(!registered(&e) || !(how & 1));
             break;
         }
-        case 6: // assignment: the old block counts as seen
+        case 6: // assignment: the old block counts as seen; to itself it
+            // changes nothing, the registration included
             if (!h[j].empty()) {
-                const int before = vrk_test::counters().forgotten;
+                const bool was = registered(&e);
                 *h[j] = e;
-                CHECK(block(h[j]) == block(x) && vrk_test::counters().forgotten == before);
+                CHECK(block(h[j]) == block(x) && (i != j || registered(&e) == was));
             }
             break;
         case 7: // the long form and the short forms, on a healthy or the
@@ -317,7 +319,11 @@ struct harness {
         case 13:
             drop(i);
             break;
-        default: // looked at
+        default: // looked at, or handed to the host
+            if (how & 1) {
+                e.dump();
+                ++dumps;
+            }
             e.mark_processed();
         }
     }
@@ -355,7 +361,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             s.step(in);
             s.check_registered();
             CHECK(vrk_test::counters().forgotten == s.reports);
-            CHECK(vrk_test::counters().unhandled == 0);
+            CHECK(vrk_test::counters().unhandled == 0 && vrk_test::counters().caught == s.dumps);
         }
         for (int i = 0; i < SLOTS; ++i)
             if (!s.h[i].empty())
