@@ -5,12 +5,15 @@
 // request the input chooses. After every step:
 // - a message or text argument just appended shows in the short form, or a
 //   failure code ("(code:N)") records that memory ran out;
+// - printing and what(alloc, ...) give a prefix of the healthy text, the
+//   whole text when nothing failed, and mark the exception as looked at;
 // - a round trip through the wire format gives the same short form (and the
 //   same messages in the long form) whenever no allocation failed;
-// - chains and the thread's registration list end (no loop);
+// - refused appends link nothing; chains and the thread's registration list
+//   end, and registrations move with copies as they should;
 // - the host hears of a forgotten exception only when the last holder of an
-//   unlinked block nobody looked at goes, exactly once, and never of an
-//   unhandled one.
+//   unlinked block nobody looked at goes, exactly once; of a caught one only
+//   when it is dumped; never of an unhandled one.
 // At the end every block is back, none released twice, nothing registered.
 #include <algorithm>
 #include <cstdint>
