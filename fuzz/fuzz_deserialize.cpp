@@ -1,7 +1,7 @@
 // Fuzz target: vrk::exception::deserialize over arbitrary bytes. Every input
 // must either decode into an exception that prints, serializes again into
-// bytes that decode to the same text, and releases cleanly, or raise a
-// vrk::exception; nothing may leak or crash.
+// bytes that decode to the same text and of which no proper prefix decodes,
+// and releases cleanly, or raise a vrk::exception; nothing may leak or crash.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -83,6 +83,22 @@ bool reads_back_as(vrk::osstream& bytes, vrk::osstream& long_form, vrk::allocato
     }
 }
 
+// True when no proper prefix of `bytes` decodes into an exception: every
+// cut, inside a text or between words, must raise an error.
+bool prefixes_fail(vrk::osstream& bytes, vrk::allocator& alloc) {
+    vrk::string written = bytes.str();
+    for (size_t n = 0; n < written.size(); ++n) {
+        vrk::isstream in(written.data(), n, alloc);
+        try {
+            if (vrk::exception::deserialize(in, alloc))
+                return false;
+        } catch (const vrk::exception& bad) {
+            bad.mark_processed();
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -100,6 +116,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 e->serialize(again, false);
                 if (e->data() != nullptr && !reads_back_as(again, text, alloc))
                     std::abort(); // a text was lost on the way
+                if (again.good() && !prefixes_fail(again, alloc))
+                    std::abort(); // a cut input taken for a whole one
             }
         } catch (const vrk::exception& bad) {
             bad.mark_processed();

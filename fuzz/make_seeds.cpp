@@ -30,11 +30,13 @@ void write_seed(const std::string& bytes) {
     std::fclose(f);
 }
 
-void write_exception(const vrk::exception& e, bool suppress_stack) {
+void write_exception(const vrk::exception& e, bool suppress_stack, const std::string& header = "") {
     vrk::osstream os(heap);
     e.serialize(os, suppress_stack);
     vrk::string s = os.str();
-    write_seed(std::string(s.data(), s.size()));
+    // A header given replaces the type header.
+    write_seed(header.empty() ? std::string(s.data(), s.size())
+                              : header + std::string(s.data() + 8, s.size() - 8));
 }
 
 std::string word(uint32_t w) {
@@ -96,10 +98,7 @@ int main(int argc, char** argv) {
     write_seed(base_header + word(0xDEFACED2u) + word(7) + word(5) + word(1) + "x");
     write_seed(base_header + word(0xDEFACED2u) + word(7) + word(6) + word(0));
     // The derived type 1 of the fuzz target: one extra header word.
-    vrk::osstream os(heap);
-    one.serialize(os, true);
-    vrk::string s = os.str();
-    write_seed(word(0xFACE0001u) + word(1) + std::string(s.data() + 8, s.size() - 8));
+    write_exception(one, true, word(0xFACE0001u) + word(1));
 
     std::printf("wrote %d seeds to %s\n", count, dir.c_str());
     return 0;
