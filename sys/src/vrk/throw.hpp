@@ -5,6 +5,9 @@
 // as its own do_throw would: as the class that do_throw throws, which for
 // vrk::logic_error (no do_throw of its own) is vrk::exception.
 // Building and appending never throw; only the final throw does.
+// An operand of a streamed item must not throw either: for the library's own
+// classes nothing would destroy the exception under construction (it lives
+// in raw storage, see throw_site), and its block would leak.
 //
 //   VRK_THROW(vrk::runtime_error, ERR_DISK_FULL)
 //       << vrk::msgarg_int("SEGMENT", 17) << vrk::error_message(...);
