@@ -1,9 +1,9 @@
-// Many threads sharing blocks: copying and dropping, appending to one chain,
-// racing to append one exception to several chains, walking and printing
-// chains while others append to them or drop their last handles, serializing
-// a chain while others append to it. A counting allocator proves that every
-// block is released exactly once and nothing leaks; walkers must always see
-// a prefix of the final chain.
+// Many threads sharing blocks: racing to append one exception to several
+// chains, appending two chains into each other, walking, printing and
+// serializing chains while others append to them or drop their last handles,
+// copying and dropping the last handles of a chain nobody looked at. A
+// counting allocator proves that every block is released exactly once and
+// nothing leaks; walkers must always see a prefix of the final chain.
 //
 // Each scenario runs at least VRK_STRESS_ROUNDS rounds (default 20) and goes
 // on until VRK_STRESS_SECONDS (default 1) have passed.
@@ -29,146 +29,66 @@ using vrk_test::test_allocator;
 
 constexpr int THREADS = 4;
 
-// How long one scenario goes on: a number of rounds, then a time.
-class stress_budget {
-public:
-    explicit stress_budget(const char* name, int default_rounds = 20) : name_(name) {
-        const char* rounds = std::getenv("VRK_STRESS_ROUNDS");
-        const char* seconds = std::getenv("VRK_STRESS_SECONDS");
-        min_rounds_ = rounds != nullptr ? std::max(1, std::atoi(rounds)) : default_rounds;
-        seconds_ = seconds != nullptr ? std::max(0.0, std::atof(seconds)) : 1.0;
-    }
-    ~stress_budget() {
-        std::printf("[ stress      ] %-34s %6d rounds in %.2f s\n", name_, rounds_, elapsed_());
-        std::fflush(stdout);
-    }
-    // True while another round is due.
-    bool next() {
-        if (rounds_ >= min_rounds_ && elapsed_() >= seconds_)
-            return false;
-        ++rounds_;
-        return true;
-    }
-
-private:
-    double elapsed_() const {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    }
-    const char* name_;
-    int min_rounds_ = 20;
-    double seconds_ = 1.0;
-    int rounds_ = 0;
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
-
-const vrk::error_code CODE{9, "shared", nullptr};
-
-vrk::error_code code_for(int n) { return vrk::error_code{n, "worker", nullptr}; }
-using vrk_test::NO_STACK;
-
-// Thread `t` appends `each` exceptions numbered 100 + 10 t + i to the chain
-// of `mine`.
-void append_numbered(exception& mine, int t, int each) {
-    for (int i = 0; i < each; ++i) {
-        exception add("f", i, code_for(100 + t * 10 + i), NO_STACK);
-        mine << add;
-    }
+// Runs round(1), round(2), ... at least VRK_STRESS_ROUNDS times (default
+// `rounds`) and until VRK_STRESS_SECONDS (default 1) have passed, or until a
+// check has failed.
+template <class F> void stress(const char* name, int rounds, F round) {
+    const char* r = std::getenv("VRK_STRESS_ROUNDS");
+    const char* s = std::getenv("VRK_STRESS_SECONDS");
+    const int min_rounds = r != nullptr ? std::max(1, std::atoi(r)) : rounds;
+    const std::chrono::duration<double> seconds(s != nullptr ? std::max(0.0, std::atof(s)) : 1.0);
+    const auto start = std::chrono::steady_clock::now();
+    int n = 0;
+    while ((n < min_rounds || std::chrono::steady_clock::now() - start < seconds) &&
+           !::testing::Test::HasFailure())
+        round(++n);
+    std::printf("[ stress      ] %-30s %6d rounds\n", name, n);
 }
 
-const char* const FOUR_WORKERS = "exception 0: worker\n"
-                                 "exception 1: worker\n"
-                                 "exception 2: worker\n"
-                                 "exception 3: worker\n";
+using vrk_test::NO_STACK;
+
+exception* make(int n) {
+    return new exception("f", n, vrk::error_code{n, "worker", nullptr}, NO_STACK);
+}
+
+void drop(exception* e) {
+    e->mark_processed();
+    delete e;
+}
 
 // The error numbers along a chain, from `head` on.
-constexpr auto walk = &vrk_test::chain_numbers;
+std::vector<int> walk(const exception& head) {
+    std::vector<int> seen;
+    for (exception x = head; x.data() != nullptr; x = x.get_next())
+        seen.push_back(x.error_no());
+    return seen;
+}
 
 bool is_prefix(const std::vector<int>& part, const std::vector<int>& whole) {
     return part.size() <= whole.size() && std::equal(part.begin(), part.end(), whole.begin());
 }
 
-class ChainStress : public vrk_test::counted_fixture {
-protected:
-    template <class F> static void run_threads(F f) {
-        std::vector<std::thread> threads;
-        for (int t = 0; t < THREADS; ++t)
-            threads.emplace_back(f, t);
-        for (auto& th : threads)
-            th.join();
-    }
-
-    static constexpr int APPENDERS = 2, EACH = 4;
-
-    // The first APPENDERS threads append EACH numbered exceptions each to
-    // the chain of `head`, through handles of their own; every other thread
-    // calls observe(t, handle) until it has run once after all appends.
-    template <class F> static void append_while_observing(const exception& head, F observe) {
-        std::atomic<int> appenders_done{0};
-        run_threads([&](int t) {
-            exception mine(head);
-            if (t < APPENDERS) {
-                append_numbered(mine, t, EACH);
-                appenders_done.fetch_add(1);
-            } else {
-                bool last = false;
-                while (!last) {
-                    last = appenders_done.load() == APPENDERS;
-                    observe(t, mine);
-                }
-            }
-            mine.mark_processed();
-        });
-    }
-};
-
-TEST_F(ChainStress, CopyAndDropSharedBlocks) {
-    for (stress_budget b("copy_and_drop"); b.next();) {
-        auto* source = new exception("f", 1, CODE, NO_STACK);
-        source->mark_processed();
-        std::atomic<int> ready{0};
-        run_threads([&](int) {
-            ready.fetch_add(1);
-            while (ready.load() < THREADS)
-                std::this_thread::yield();
-            for (int i = 0; i < 20; ++i) {
-                exception a(*source);
-                exception b(a);
-                a = b;
-                a.mark_processed();
-                b.mark_processed();
-            }
-        });
-        delete source;
-    }
-    EXPECT_EQ(vrk_test::counters().forgotten, 0);
+std::string print(const exception& e) {
+    test_allocator out;
+    return e.what(out, true).c_str();
 }
 
-TEST_F(ChainStress, ManyThreadsAppendToOneChain) {
-    for (stress_budget b("append_to_one_chain"); b.next();) {
-        auto* head = new exception("f", 0, CODE, NO_STACK);
-        run_threads([&](int t) {
-            exception mine(*head);
-            append_numbered(mine, t, 3);
-            mine.mark_processed();
-        });
-        std::multiset<int> seen;
-        for (exception x = head->get_next(); x.data() != nullptr; x = x.get_next())
-            seen.insert(x.error_no());
-        ASSERT_EQ(seen.size(), size_t{THREADS * 3}) << "an append was lost or doubled";
-        for (int t = 0; t < THREADS; ++t)
-            for (int i = 0; i < 3; ++i)
-                EXPECT_EQ(seen.count(100 + t * 10 + i), 1u);
-        head->mark_processed();
-        delete head;
-    }
+template <class F> void run_threads(F f) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t)
+        threads.emplace_back(f, t);
+    for (auto& th : threads)
+        th.join();
 }
+
+using ChainStress = vrk_test::counted_fixture;
 
 TEST_F(ChainStress, OneExceptionAppendedToManyChainsAtOnceLinksOnce) {
-    for (stress_budget b("same_exception_to_many_chains"); b.next();) {
-        auto* shared = new exception("f", 1, code_for(77), NO_STACK);
+    stress("same_exception_to_many_chains", 20, [&](int) {
+        exception* shared = make(77);
         std::atomic<int> winners{0}, done{0};
         run_threads([&](int t) {
-            exception head("f", t, code_for(t), NO_STACK);
+            exception head("f", t, vrk::error_code{t, "worker", nullptr}, NO_STACK);
             exception mine(*shared);
             head << mine;
             if (head.get_next().error_no() == 77)
@@ -181,9 +101,8 @@ TEST_F(ChainStress, OneExceptionAppendedToManyChainsAtOnceLinksOnce) {
                 std::this_thread::yield();
         });
         EXPECT_EQ(winners.load(), 1);
-        shared->mark_processed();
-        delete shared;
-    }
+        drop(shared);
+    });
 }
 
 // Two threads append two chains into each other at the same moment, round
@@ -204,11 +123,10 @@ TEST_F(ChainStress, CrossAppendsNeverCloseALoop) {
             done.store(round);
         }
     });
-    int round = 0;
-    for (stress_budget b("cross_appends", 5000); b.next();) {
-        pair[0] = new exception("f", 0, code_for(0), NO_STACK);
-        pair[1] = new exception("f", 1, code_for(1), NO_STACK);
-        go.store(++round);
+    stress("cross_appends", 5000, [&](int round) {
+        pair[0] = make(0);
+        pair[1] = make(1);
+        go.store(round);
         // The other thread starts a moment later: sweep across that moment.
         for (int delay = round % 64; delay > 0; --delay)
             __asm__ volatile("" ::: "memory");
@@ -217,104 +135,110 @@ TEST_F(ChainStress, CrossAppendsNeverCloseALoop) {
         // a -> b -> a: two steps from either end lead back into the chain.
         if (pair[0]->get_next().get_next().data() != nullptr) {
             ADD_FAILURE() << "round " << round << ": the two chains closed a loop";
-            break; // its blocks leak
+            return; // its blocks leak
         }
-        for (exception* e : pair) {
-            e->mark_processed();
-            delete e;
-        }
-    }
+        drop(pair[0]);
+        drop(pair[1]);
+    });
     go.store(INT_MAX);
     other.join();
 }
 
-TEST_F(ChainStress, WalkersSeeAPrefixWhileHandlesAreDropped) {
-    for (stress_budget b("walk_and_print_while_dropping"); b.next();) {
-        auto* head = new exception("f", 0, code_for(0), NO_STACK);
-        std::vector<exception*> members;
-        for (int i = 1; i <= 3; ++i) {
-            members.push_back(new exception("f", i, code_for(i), NO_STACK));
-            *head << *members.back();
-        }
+TEST_F(ChainStress, WalkersSeeTheWholeChainWhileTheOriginalHandlesAreDropped) {
+    stress("walk_and_print_while_dropping", 20, [&](int) {
+        exception* handles[4] = {make(0), make(1), make(2), make(3)};
+        for (int i = 1; i < 4; ++i)
+            *handles[0] << *handles[i];
+        const std::string text = print(*handles[0]);
         std::vector<exception*> walker_heads;
         for (int t = 0; t < THREADS - 1; ++t)
-            walker_heads.push_back(new exception(*head));
-        std::atomic<int> bad_order{0};
+            walker_heads.push_back(new exception(*handles[0]));
+        std::atomic<int> bad{0};
         run_threads([&](int t) {
-            if (t == THREADS - 1) {
-                // The dropper: lets go of the original handles.
-                for (exception* m : members)
-                    delete m;
-                head->mark_processed();
-                delete head;
+            if (t == THREADS - 1) { // the dropper
+                for (exception* h : handles)
+                    drop(h);
                 return;
             }
             exception* mine = walker_heads[static_cast<size_t>(t)];
-            test_allocator out;
-            for (int pass = 0; pass < 5; ++pass) {
-                int expected = 0;
-                for (exception x = *mine; x.data() != nullptr; x = x.get_next())
-                    if (x.error_no() != expected++)
-                        bad_order.fetch_add(1);
-                if (expected != 4)
-                    bad_order.fetch_add(1);
-                vrk::string text = mine->what(out, true);
-                if (std::string(text.c_str()) != FOUR_WORKERS)
-                    bad_order.fetch_add(1);
-            }
-            mine->mark_processed();
-            delete mine;
+            for (int pass = 0; pass < 5; ++pass)
+                if (walk(*mine) != std::vector<int>{0, 1, 2, 3} || print(*mine) != text)
+                    bad.fetch_add(1);
+            drop(mine);
         });
-        EXPECT_EQ(bad_order.load(), 0);
-    }
+        EXPECT_EQ(bad.load(), 0);
+    });
 }
 
-TEST_F(ChainStress, WalkersAndPrintersSeeAPrefixWhileOthersAppend) {
-    for (stress_budget b("walk_and_print_while_appending"); b.next();) {
-        auto* head = new exception("f", 0, code_for(0), NO_STACK);
-        std::vector<std::vector<int>> walks[THREADS];
+// Two threads append four numbered exceptions each to one chain while the
+// others walk it, print it and write and read it back, until after the last
+// append: every look is a prefix of the final chain, which holds every append
+// once.
+TEST_F(ChainStress, WalkersPrintersAndWritersSeeAPrefixWhileOthersAppend) {
+    constexpr int APPENDERS = 2, EACH = 4;
+    stress("look_while_appending", 20, [&](int) {
+        exception* head = make(0);
+        std::vector<std::vector<int>> walks[THREADS], reads[THREADS];
         std::vector<std::string> prints[THREADS];
-        append_while_observing(*head, [&](int t, const exception& mine) {
-            test_allocator out;
-            walks[t].push_back(walk(mine));
-            vrk::string text = mine.what(out, true);
-            prints[t].emplace_back(text.c_str());
+        std::atomic<int> appenders_done{0};
+        run_threads([&](int t) {
+            exception mine(*head);
+            for (int i = 0; t < APPENDERS && i < EACH; ++i) {
+                exception add("f", i, vrk::error_code{100 + t * 10 + i, "worker", nullptr},
+                              NO_STACK);
+                mine << add;
+            }
+            for (bool last = t < APPENDERS; !last;) {
+                last = appenders_done.load() == APPENDERS;
+                walks[t].push_back(walk(mine));
+                prints[t].push_back(print(mine));
+                test_allocator out;
+                vrk::osstream os(out);
+                mine.serialize(os, true);
+                vrk::string bytes = os.str();
+                vrk::isstream is(bytes.data(), bytes.size(), out);
+                auto copy = exception::deserialize(is, out);
+                reads[t].push_back(walk(*copy));
+                copy->mark_processed();
+            }
+            appenders_done.fetch_add(t < APPENDERS ? 1 : 0);
+            mine.mark_processed();
         });
         const std::vector<int> final_order = walk(*head);
-        ASSERT_EQ(final_order.size(), size_t{1 + APPENDERS * EACH});
-        std::string final_text;
-        {
-            test_allocator out;
-            vrk::string text = head->what(out, true);
-            final_text = text.c_str();
-        }
+        EXPECT_EQ(std::multiset<int>(final_order.begin(), final_order.end()),
+                  (std::multiset<int>{0, 100, 101, 102, 103, 110, 111, 112, 113}))
+            << "an append was lost or doubled";
+        const std::string final_text = print(*head);
         for (int t = APPENDERS; t < THREADS; ++t) {
             for (const auto& w : walks[t])
                 EXPECT_TRUE(is_prefix(w, final_order)) << "a walker saw another order";
+            for (const auto& r : reads[t])
+                EXPECT_TRUE(is_prefix(r, final_order)) << "a serialized chain lost its order";
             for (const auto& p : prints[t])
                 EXPECT_EQ(final_text.compare(0, p.size(), p), 0) << "a printer saw another order";
             EXPECT_EQ(walks[t].back(), final_order) << "the last walk began after every append";
+            EXPECT_EQ(reads[t].back(), final_order);
         }
-        head->mark_processed();
-        delete head;
-    }
+        drop(head);
+    });
 }
 
 TEST_F(ChainStress, TheLastHandleDroppedInAnyThreadReportsEachHeadOnce) {
-    for (stress_budget b("last_handle_reports_once"); b.next();) {
+    stress("last_handle_reports_once", 20, [&](int) {
         vrk_test::reset_host();
         vrk_test::set_default_allocator(&alloc_);
         std::vector<exception*> handles;
         {
-            exception head("f", 0, code_for(5), NO_STACK);
-            exception tail("f", 1, code_for(6), NO_STACK);
+            exception head("f", 0, vrk::error_code{5, "five", nullptr}, NO_STACK);
+            exception tail("f", 1, vrk::error_code{6, "six", nullptr}, NO_STACK);
             head << tail;
             for (int t = 0; t < THREADS; ++t)
                 handles.push_back(new exception(t % 2 == 0 ? head : tail));
         } // the threads now hold the only handles; nobody looked at either
         run_threads([&](int t) {
-            for (int i = 0; i < 10; ++i)
-                exception(*handles[static_cast<size_t>(t)]).error_no();
+            for (int i = 0; i < 10; ++i) {
+                const exception a(*handles[static_cast<size_t>(t)]), c(a);
+            }
             delete handles[static_cast<size_t>(t)];
         });
         // The head is reported exactly once. The tail goes silently with the
@@ -325,32 +249,7 @@ TEST_F(ChainStress, TheLastHandleDroppedInAnyThreadReportsEachHeadOnce) {
         EXPECT_LE(std::count(reported.begin(), reported.end(), 6), 1);
         EXPECT_EQ(reported.size(), size_t(vrk_test::counters().forgotten.load()));
         EXPECT_EQ(alloc_.balance(), 0);
-    }
-}
-
-TEST_F(ChainStress, SerializingAChainWhileOthersAppendWritesAPrefix) {
-    for (stress_budget b("serialize_while_appending"); b.next();) {
-        auto* head = new exception("f", 0, code_for(0), NO_STACK);
-        std::vector<std::vector<int>> reads[THREADS];
-        append_while_observing(*head, [&](int t, const exception& mine) {
-            test_allocator out;
-            vrk::osstream os(out);
-            mine.serialize(os, true);
-            vrk::string bytes = os.str();
-            vrk::isstream is(bytes.data(), bytes.size(), out);
-            auto copy = exception::deserialize(is, out);
-            reads[t].push_back(walk(*copy));
-            copy->mark_processed();
-        });
-        const std::vector<int> final_order = walk(*head);
-        for (int t = APPENDERS; t < THREADS; ++t) {
-            for (const auto& r : reads[t])
-                EXPECT_TRUE(is_prefix(r, final_order)) << "a serialized chain lost its order";
-            EXPECT_EQ(reads[t].back(), final_order);
-        }
-        head->mark_processed();
-        delete head;
-    }
+    });
 }
 
 } // namespace
