@@ -34,10 +34,6 @@ TEST_F(Throw, ThrowsItsClassWithFileLineRegistrationAndStackStart) {
         EXPECT_EQ(e.error_no(), 4711);
         EXPECT_STREQ(e.file().get(), __FILE__);
         EXPECT_EQ(e.line(), g_throw_line);
-        // The thrown copy carries the registration; the local object of the
-        // throw site is gone and left nothing registered behind it.
-        EXPECT_EQ(vrk::exception::get_first_registered(), &e);
-        EXPECT_EQ(e.get_next_registered(), nullptr);
         // The test host records the caller position given to the
         // constructor as the first frame: an address inside throw_overflow,
         // not throw_overflow's own return address.
@@ -48,7 +44,6 @@ TEST_F(Throw, ThrowsItsClassWithFileLineRegistrationAndStackStart) {
                   reinterpret_cast<uintptr_t>(&throw_overflow));
         e.mark_processed();
     }
-    EXPECT_EQ(vrk::exception::get_first_registered(), nullptr);
     EXPECT_EQ(vrk_test::counters().forgotten, 0);
 }
 
@@ -145,7 +140,8 @@ public:
 };
 
 // The library's classes are thrown as their do_throw throws them (a class
-// without an override as vrk::exception), each with one registered copy.
+// without an override as vrk::exception), each with one registered copy: the
+// local object of the throw site is gone and left nothing registered.
 TEST_F(Throw, ThrowsTheClassItsDoThrowWouldThrow) {
     const auto thrown_as = [](auto raise) -> std::string {
         try {

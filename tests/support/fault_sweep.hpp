@@ -8,7 +8,6 @@
 // from the allocator under test.
 #pragma once
 
-#include <cstdio>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -43,9 +42,8 @@ struct fault_point {
 // checks its own degraded result with gtest assertions; the driver checks
 // the balance, double releases, that the chosen request really failed (the
 // requests are made in the same order as in the counting run up to it) and
-// that nothing escaped. Prints one line with the counts when all passed.
+// that nothing escaped.
 template <class Scenario> void fault_sweep(const char* name, Scenario&& scenario) {
-    long runs = 0;
     auto run = [&](fault_point::mode_t mode, long index) -> long {
         test_allocator alloc;
         if (mode == fault_point::AT)
@@ -61,7 +59,6 @@ template <class Scenario> void fault_sweep(const char* name, Scenario&& scenario
             ADD_FAILURE() << "an exception escaped the scenario";
         }
         set_default_allocator(nullptr);
-        ++runs;
         EXPECT_EQ(alloc.balance(), 0) << "blocks leaked";
         EXPECT_EQ(alloc.bad_releases(), 0) << "a block was released twice or by a stranger";
         if (mode == fault_point::AT) {
@@ -77,9 +74,6 @@ template <class Scenario> void fault_sweep(const char* name, Scenario&& scenario
     for (auto mode : {fault_point::AT, fault_point::FROM})
         for (long i = 0; i < points && !::testing::Test::HasFatalFailure(); ++i)
             run(mode, i);
-    if (!::testing::Test::HasFailure())
-        std::printf("[ fault sweep ] %-34s %3ld failure points, %4ld runs: all passed\n", name,
-                    points, runs);
 }
 
 } // namespace vrk_test

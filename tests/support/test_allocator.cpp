@@ -14,15 +14,14 @@ constexpr uint64_t DEAD_MAGIC = 0xdead'b10c'dead'b10cULL;
 // 16-byte aligned or (misaligned) 8 past a boundary.
 struct header {
     uint64_t magic;
-    uint32_t pad;    // bytes from the raw start to the header
+    uint32_t pad; // bytes from the raw start to the header
     uint32_t unused;
     uint64_t size;
 };
 } // namespace
 
-void* test_allocator::take_(size_t size, const void* caller) noexcept {
+void* test_allocator::take_(size_t size) noexcept {
     const long n = requests_++;
-    last_caller_ = caller;
     for (size_t seen = largest_; size > seen && !largest_.compare_exchange_weak(seen, size);) {
     }
     // No test needs more; a runaway growth fails here instead of touching
@@ -51,20 +50,16 @@ void* test_allocator::take_(size_t size, const void* caller) noexcept {
     return user;
 }
 
-void* test_allocator::allocateNoThrow(size_t size, const void* caller) noexcept {
-    return take_(size, caller);
-}
+void* test_allocator::allocateNoThrow(size_t size, const void*) noexcept { return take_(size); }
 
-void* test_allocator::allocate(size_t size, const void* caller) {
-    void* p = take_(size, caller);
+void* test_allocator::allocate(size_t size, const void*) {
+    void* p = take_(size);
     if (p == nullptr)
         throw std::bad_alloc();
     return p;
 }
 
-void* test_allocator::allocate(size_t size) {
-    return allocate(size, __builtin_return_address(0));
-}
+void* test_allocator::allocate(size_t size) { return allocate(size, __builtin_return_address(0)); }
 
 void test_allocator::deallocate(void* p) noexcept {
     if (p == nullptr)

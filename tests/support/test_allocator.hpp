@@ -41,7 +41,6 @@ public:
     size_t bytes_in_use() const noexcept { return bytes_.load(); }
     // The largest single request seen since construction or reset_requests.
     size_t largest_request() const noexcept { return largest_.load(); }
-    const void* last_caller() const noexcept { return last_caller_.load(); }
 
     void fail_at(long n) noexcept { fail_at_ = n; fail_from_ = -1; }
     void fail_from(long n) noexcept { fail_from_ = n; fail_at_ = -1; }
@@ -54,11 +53,10 @@ public:
     }
 
 private:
-    void* take_(size_t size, const void* caller) noexcept;
+    void* take_(size_t size) noexcept;
 
     std::atomic<long> live_{0}, requests_{0}, allocations_{0}, failures_{0}, bad_releases_{0};
     std::atomic<size_t> bytes_{0}, largest_{0};
-    std::atomic<const void*> last_caller_{nullptr};
     std::atomic<long> fail_at_{-1}, fail_from_{-1};
     std::atomic<bool> misalign_{false};
 };

@@ -21,9 +21,8 @@ struct host_settings {
     bool capture_no_frame = false;
     // stdFileName keeps only the part after the last '/'.
     bool basename_files = false;
-    // Called from forgotten_exception / caught_exception when set.
+    // Called from forgotten_exception when set.
     std::function<void(const vrk::exception&)> on_forgotten;
-    std::function<void(const vrk::exception&)> on_caught;
     // What get_registered_exception answers instead of the real head, when set.
     bool fake_head = false;
     const vrk::exception* fake_head_value = nullptr;
