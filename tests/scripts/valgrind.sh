@@ -27,7 +27,7 @@ if ! command -v valgrind >/dev/null 2>&1; then
 fi
 
 cmake --build "$build" -j2 --target vrk_tests
-filter='-Itoa.MatchesToCharsForEveryType'
+filter='-Itoa.MatchesToCharsForEveryType*'
 valgrind --error-exitcode=1 --leak-check=full --show-leak-kinds=definite,indirect,possible \
   --errors-for-leak-kinds=definite,indirect,possible --child-silent-after-fork=yes -q \
   "$build/tests/vrk_tests" --gtest_filter="$filter"
