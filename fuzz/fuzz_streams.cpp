@@ -25,23 +25,24 @@
 
 namespace {
 
-// Where the library differs from the standard streams on purpose; each is
-// normalised in one place, marked with its name.
-enum deviation { DTOA, POINTER_FLAGS, FLUSH_SENTRY, WIDTH_AFTER_THROW, IGNORE_LOOKAHEAD, COUNT };
-[[maybe_unused]] constexpr const char* DEVIATIONS[COUNT][2] = {
-    {"doubles: vrk::dtoa against the standard stream's default notation at the same precision; "
-     "no flags or width, NaN skipped",
-     "the streams have no floating-point insertion; doubles become text only as message "
-     "arguments, through dtoa, which has no text for NaN"},
-    {"the standard stream's flags are put back after a pointer insertion",
-     "it stays in hex|showbase when the buffer throws; the library formats from a copy"},
-    {"flush (also endl's) of a stream that is not good runs on the library's stream only",
-     "the library's flush has no sentry: it syncs a failed stream and leaves its state"},
-    {"the standard stream's width is reset when the buffer threw in a text insertion",
-     "the library resets the width after every text insertion, whatever its outcome"},
-    {"ignore(n, delim) that took n characters: badbit from a throw is taken back",
-     "the standard stream reads ahead one character; the library stops after n"},
-};
+// Where the library differs from the standard streams on purpose. Each is
+// normalised in one place, marked with its name:
+// - DTOA: doubles are compared as vrk::dtoa's text against the standard
+//   stream's default notation at the same precision, without flags or width,
+//   NaN skipped. The streams have no floating-point insertion; doubles become
+//   text only as message arguments, through dtoa, which has no text for NaN.
+// - POINTER_FLAGS: the standard stream's flags are put back after a pointer
+//   insertion. It stays in hex|showbase when the buffer throws; the library
+//   formats from a copy.
+// - FLUSH_SENTRY: flush (endl's too) of a stream that is not good runs on the
+//   library's stream only. The library's flush has no sentry: it syncs a
+//   failed stream and leaves its state.
+// - WIDTH_AFTER_THROW: the standard stream's width is reset when the buffer
+//   threw in a text insertion. The library resets the width after every text
+//   insertion, whatever its outcome.
+// - IGNORE_LOOKAHEAD: ignore(n, delim) that took n characters has badbit from
+//   a throw taken back. The standard stream reads ahead one character; the
+//   library stops after n.
 
 // Both libraries number flags and state bits alike, so one value serves both.
 constexpr int bits(auto v) { return static_cast<int>(v); }
@@ -50,28 +51,22 @@ static_assert(bits(std::ios_base::uppercase) == bits(vrk::ios_base::uppercase) &
               bits(std::ios_base::failbit) == bits(vrk::ios_base::failbit) &&
               bits(std::ios_base::eofbit) == bits(vrk::ios_base::eofbit));
 
-class reader {
-public:
-    reader(const uint8_t* p, size_t n) : p_(p), end_(p + n) {}
-    bool empty() const { return p_ == end_; }
-    uint8_t byte() { return p_ == end_ ? 0 : *p_++; }
+struct reader {
+    const uint8_t *p, *end;
+    uint8_t byte() { return p == end ? 0 : *p++; }
     // A value of T from the next bytes, zero-filled at the end of the input.
     template <class T> T value() {
         T v{};
-        const size_t n = std::min(sizeof v, static_cast<size_t>(end_ - p_));
-        std::memcpy(&v, p_, n);
-        p_ += n;
+        const size_t n = std::min(sizeof v, static_cast<size_t>(end - p));
+        std::memcpy(&v, p, n);
+        p += n;
         return v;
     }
     std::string text(size_t n) {
-        const char* from = reinterpret_cast<const char*>(p_);
-        p_ += std::min(n, static_cast<size_t>(end_ - p_));
-        return std::string(from, reinterpret_cast<const char*>(p_));
+        const char* from = reinterpret_cast<const char*>(p);
+        p += std::min(n, static_cast<size_t>(end - p));
+        return std::string(from, reinterpret_cast<const char*>(p));
     }
-
-private:
-    const uint8_t* p_;
-    const uint8_t* end_;
 };
 
 // A string-backed buffer over either library's base: a put area of
@@ -84,21 +79,19 @@ public:
         this->setp(area_, area_ + put_size_);
         this->setg(input_.data(), input_.data(), input_.data());
     }
-    void limit(int budget, bool throws) {
-        budget_ = budget;
-        throws_ = throws;
-    }
     std::string text() const { return out_ + std::string(this->pbase(), this->pptr()); }
     int thrown = 0;
+    int budget = -1; // overflow calls left; negative: no limit
+    bool throws = false;
 
 protected:
     int overflow(int c) override {
         if (c == EOF)
             return 0;
-        if (budget_ == 0)
-            return throws_ ? fail() : EOF;
-        if (budget_ > 0)
-            --budget_;
+        if (budget == 0)
+            return throws ? fail() : EOF;
+        if (budget > 0)
+            --budget;
         out_.append(this->pbase(), this->pptr());
         out_ += static_cast<char>(c);
         this->setp(area_, area_ + put_size_);
@@ -121,8 +114,6 @@ private:
     size_t put_size_, chunk_;
     std::string input_, out_;
     bool throw_at_end_;
-    int budget_ = -1;
-    bool throws_ = false;
 };
 
 template <class Buf, class Out, class In> struct side {
@@ -175,12 +166,10 @@ struct run {
         s.is >> b;
         expect_equal("extracted value", +a, +b);
     }
-    void set_flags(unsigned bits) {
-        const unsigned f = bits & 0x7fff;
-        v.os.flags(static_cast<vrk::ios_base::fmtflags>(f));
-        v.is.flags(static_cast<vrk::ios_base::fmtflags>(f));
-        s.os.flags(static_cast<std::ios_base::fmtflags>(f));
-        s.is.flags(static_cast<std::ios_base::fmtflags>(f));
+    // Runs f on all four streams.
+    template <class F> void all(F f) {
+        outs(f);
+        ins(f);
     }
     void double_text(double d) { // DTOA
         char buf[128];
@@ -214,7 +203,9 @@ struct run {
 
 using op_fn = void (*)(run&, reader&);
 constexpr op_fn OPS[] = {
-    [](run& r, reader& in) { r.set_flags(in.value<uint16_t>()); },
+    [](run& r, reader& in) {
+        r.all([f = in.value<uint16_t>() & 0x7fff](auto& s) { s.flags(decltype(s.flags())(f)); });
+    },
     [](run& r, reader& in) {
         r.outs([w = static_cast<int8_t>(in.byte()) % 40](auto& os) { os.width(w); });
     },
@@ -222,14 +213,11 @@ constexpr op_fn OPS[] = {
         r.outs([f = static_cast<char>(in.byte())](auto& os) { os.fill(f); });
     },
     [](run& r, reader& in) { r.outs([p = in.byte() % 40](auto& os) { os.precision(p); }); },
-    [](run& r, reader&) {
-        r.outs([](auto& os) { os.clear(); });
-        r.ins([](auto& is) { is.clear(); });
-    },
+    [](run& r, reader&) { r.all([](auto& s) { s.clear(); }); },
     [](run& r, reader& in) {
         const uint8_t b = in.byte();
-        r.v.out_buf.limit(b % 64, (b & 64) != 0);
-        r.s.out_buf.limit(b % 64, (b & 64) != 0);
+        r.v.out_buf.budget = r.s.out_buf.budget = b % 64;
+        r.v.out_buf.throws = r.s.out_buf.throws = (b & 64) != 0;
     },
     [](run& r, reader& in) { r.insert(in.value<short>()); },
     [](run& r, reader& in) { r.insert(in.value<unsigned short>()); },
@@ -308,14 +296,14 @@ void run::step(reader& in) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    reader in(data, size);
+    reader in{data, data + size};
     const uint8_t shape = in.byte(), more = in.byte();
     const std::string input = in.text(in.byte());
     const size_t put_size = (shape >> 1) % 16, chunk = 1 + (shape >> 5);
     vrk_side v{put_size, chunk, input, (more & 1) != 0};
     std_side s{put_size, chunk, input, (more & 1) != 0};
     run r{v, s};
-    for (; !in.empty() && r.op < 200; ++r.op)
+    for (; in.p != in.end && r.op < 200; ++r.op)
         r.step(in);
     r.expect_equal("text", v.out_buf.text(), s.out_buf.text());
     return 0;
