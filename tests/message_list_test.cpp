@@ -90,13 +90,13 @@ TEST_F(MessageList, UnmentionedParametersWithFewAndManyPlaceholders) {
         std::string text, want;
         for (int i = 0; i < count; ++i) {
             text.append("$P").append(std::to_string(i)).append("$ ");
-            want.append(i == 1 ? "r" : "v" + std::to_string(i)).append(" ");
+            want.append(i == 1 ? "r" : std::string("v").append(std::to_string(i))).append(" ");
         }
         exception e("f", 1, vrk::error_code{1, text.c_str(), nullptr}, NO_STACK);
         e.define_argument("X", "x", false);
         for (int i = 0; i < count; ++i)
-            e.define_argument(("P" + std::to_string(i)).c_str(), ("v" + std::to_string(i)).c_str(),
-                              false);
+            e.define_argument(std::string("P").append(std::to_string(i)).c_str(),
+                              std::string("v").append(std::to_string(i)).c_str(), false);
         e.define_argument("P1", "r", true);
         e.define_argument("Y", "y1", false);
         e.define_argument("Y", "y2", true);
