@@ -8,9 +8,11 @@
 # Usage: tools/coverage/check.sh BUILD_DIR
 set -euo pipefail
 
-# Floors, in percent: the level reached, rounded down.
+# Floors, in percent: the level reached, rounded down (89.4% of lines and
+# 76.1% of branches on 23 Nov 2026). The threaded tests move a few counts
+# between runs, so the branch floor keeps one point of room.
 LINE_FLOOR=89
-BRANCH_FLOOR=76
+BRANCH_FLOOR=75
 
 [ $# -eq 1 ] || { echo "usage: $0 BUILD_DIR" >&2; exit 2; }
 root=$(cd "$(dirname "$0")/../.." && pwd)
