@@ -140,6 +140,12 @@ struct harness {
         vrk::osstream os(healthy);
         e.serialize(os, suppress_stack);
         CHECK(e.data() == nullptr || e.data()->done());
+        if (os.bad()) {
+            // A text the failing scratch could not hold fails the stream:
+            // the bytes are incomplete, and the caller can tell.
+            CHECK(alloc.failures() > before);
+            return;
+        }
         const vrk::string bytes = os.str();
         vrk::isstream is(bytes.data(), bytes.size(), healthy);
         try {
