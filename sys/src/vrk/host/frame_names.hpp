@@ -17,7 +17,9 @@ namespace vrk::host {
 class frame_names : private vrk::non_copyable {
 public:
     frame_names();
-    ~frame_names();
+    // Releases the session lock; nothing to do in a build without debug
+    // information.
+    ~frame_names(); // NOLINT(performance-trivially-destructible)
 
     // Writes " function+0xoffset (module) at file:line" for the return
     // address `pc`, leaving out what cannot be found. The names are those of
