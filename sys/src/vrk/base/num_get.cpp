@@ -85,6 +85,16 @@ template <class U> void store_unsigned(const parsed& p, U& v, ios_base::iostate&
     }
 }
 
+template <class U>
+num_get::iter_type get_unsigned(num_get::iter_type in, num_get::iter_type end, ios_base& str,
+                                ios_base::iostate& err, U& v) {
+    const parsed p = parse(in, end, str);
+    store_unsigned(p, v, err);
+    if (in == end)
+        err |= ios_base::eofbit;
+    return in;
+}
+
 } // namespace
 
 num_get::~num_get() = default;
@@ -116,20 +126,12 @@ num_get::iter_type num_get::do_get(iter_type in, iter_type end, ios_base& str,
 
 num_get::iter_type num_get::do_get(iter_type in, iter_type end, ios_base& str,
                                    ios_base::iostate& err, unsigned long& v) const {
-    const parsed p = parse(in, end, str);
-    store_unsigned(p, v, err);
-    if (in == end)
-        err |= ios_base::eofbit;
-    return in;
+    return get_unsigned(in, end, str, err, v);
 }
 
 num_get::iter_type num_get::do_get(iter_type in, iter_type end, ios_base& str,
                                    ios_base::iostate& err, unsigned int& v) const {
-    const parsed p = parse(in, end, str);
-    store_unsigned(p, v, err);
-    if (in == end)
-        err |= ios_base::eofbit;
-    return in;
+    return get_unsigned(in, end, str, err, v);
 }
 
 } // namespace vrk
