@@ -120,11 +120,28 @@ TEST(DefaultHost, ForgottenExceptionIsNotedOnTheErrorOutput) {
     EXPECT_EQ(out.peek(), EOF);
 }
 
+// An exception that nobody catches shows its long form with its throw
+// location and the thread's other live exceptions, then the handler that
+// was installed before the host's says its part.
 TEST(DefaultHost, AbortsReportAndEndTheProcess) {
     EXPECT_DEATH(vrk_extern::import::abort("some/file", 12, "Broken"),
                  "vrk abort: some/file:12: Broken");
     EXPECT_DEATH(vrk_extern::import::abort("some/file", 13, "Unexpected link, aborting: ", 1L),
                  "vrk abort: some/file:13: Unexpected link, aborting: 1");
+    const vrk::error_code uncaught{24, "nobody caught $WHAT$", nullptr};
+    EXPECT_DEATH(std::thread([&] {
+                     vrk::exception live("pending.cpp", 3, CODE);
+                     live.register_on_thread();
+                     VRK_THROW(vrk::runtime_error, uncaught) << vrk::msgarg_text("WHAT", "this");
+                 }).join(),
+                 "vrk: terminating on an uncaught exception:\n"
+                 "exception  1: no.24  \\([^)]*default_host_test.cpp:[0-9]+\\)\n"
+                 "    nobody caught this\n"
+                 "exception throw location:\n"
+                 "#0  0x[0-9a-f]+ [^\n]*\\(vrk_default_host_tests\\+0x[0-9a-f]+\\).*"
+                 "vrk: live exception of this thread:\n"
+                 "exception  1: no.21  \\(pending.cpp:3\\).*"
+                 "terminate called after throwing an instance of 'vrk::runtime_error'");
 }
 
 struct allocator_access : vrk::exception {

@@ -53,7 +53,7 @@ __attribute__((noinline)) both capture_both(unsigned max) {
     const void* caller = __builtin_return_address(0);
     void* frames[64] = {};
     unsigned n = 0;
-    EXPECT_EQ(vrk_host::walk_stack(frames, max, caller, &n), vrk_host::walk_result::done);
+    EXPECT_EQ(vrk::host::walk_stack(frames, max, caller, &n), vrk::host::walk_result::done);
     return both{std::vector<void*>(frames, frames + n), unwound_from(caller, max)};
 }
 

@@ -18,18 +18,19 @@ namespace {
 
 using vrk::heap_allocator;
 
-const char* const USAGE =
-    "usage: vrkexc COMMAND [OPTIONS]\n"
-    "\n"
-    "Commands:\n"
-    "  decode [--short] [--no-stack] [FILE|-]\n"
-    "      Print serialized exceptions (raw bytes or hexadecimal text).\n"
-    "  encode [--hex] [--no-stack] [-o FILE] MESSAGE-OPTIONS...\n"
-    "      Build an exception from the command line and write its bytes.\n"
-    "  demo\n"
-    "      Throw, print, serialize and decode a chained exception.\n"
-    "\n"
-    "'vrkexc COMMAND --help' describes a command.\n";
+const char* const USAGE = "usage: vrkexc COMMAND [OPTIONS]\n"
+                          "\n"
+                          "Commands:\n"
+                          "  decode [--short] [--no-stack] [FILE|-]\n"
+                          "      Print serialized exceptions (raw bytes or hexadecimal text).\n"
+                          "  encode [--hex] [--no-stack] [-o FILE] MESSAGE-OPTIONS...\n"
+                          "      Build an exception from the command line and write its bytes.\n"
+                          "  symbolize [-e BINARY]... [FILE|-]\n"
+                          "      Name the frames of a printed trace from their module offsets.\n"
+                          "  demo\n"
+                          "      Throw, print, serialize and decode a chained exception.\n"
+                          "\n"
+                          "'vrkexc COMMAND --help' describes a command.\n";
 
 } // namespace
 
@@ -88,6 +89,8 @@ int main(int argc, char** argv) {
         status = cmd_decode(argc - 1, argv + 1);
     } else if (std::strcmp(argv[1], "encode") == 0) {
         status = cmd_encode(argc - 1, argv + 1);
+    } else if (std::strcmp(argv[1], "symbolize") == 0) {
+        status = cmd_symbolize(argc - 1, argv + 1);
     } else if (std::strcmp(argv[1], "demo") == 0) {
         status = cmd_demo(argc - 1, argv + 1);
     } else {

@@ -40,5 +40,6 @@ bool read_input(const char* path, vrk::string& data);
 int cmd_decode(int argc, char** argv);
 int cmd_encode(int argc, char** argv);
 int cmd_demo(int argc, char** argv);
+int cmd_symbolize(int argc, char** argv);
 
 } // namespace vrkexc

@@ -4,7 +4,9 @@
 // File names are kept as given; stacks are captured by a fast walk over the
 // call-frame information, or the unwinder of the language runtime where the
 // walk gives up (never resolving symbols and never allocating on the capture
-// path); forgotten exceptions are noted on the error output; each
+// path); traces name each frame's module and offset, and its function from
+// the module's symbol table; an uncaught vrk::exception is printed by a
+// terminate handler; forgotten exceptions are noted on the error output; each
 // thread's registration head lives in trivially destructible thread-local
 // state; aborts report to the error output and end the process; the default
 // allocator is the platform heap.
@@ -13,18 +15,23 @@
 #include <unistd.h>
 #include <unwind.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <type_traits>
 
 #include "vrk/exception.hpp"
 #include "vrk/ext/heap_allocator.hpp"
+#include "vrk/host/default_host.hpp"
 #include "vrk/host/frame_names.hpp"
 #include "vrk/host/frame_walk.hpp"
+#include "vrk/host/never_destroyed.hpp"
 #include "vrk/import.hpp"
 #include "vrk/ostream.hpp"
+#include "vrk/sstream.hpp"
 
 namespace {
 
@@ -144,15 +151,32 @@ public:
     }
 };
 
-// Storage for an object of the host that is never destroyed: exceptions
-// made by destructors that run late at exit still reach it.
-template <class T> union never_destroyed {
-    T object_;
-    constexpr never_destroyed() : object_() {}
-    ~never_destroyed() {}
-};
-constinit never_destroyed<default_unhandled> g_callback;
-constinit never_destroyed<vrk::heap_allocator> g_heap;
+constinit vrk::host::never_destroyed<default_unhandled> g_callback;
+constinit vrk::host::never_destroyed<vrk::heap_allocator> g_heap;
+
+std::atomic<bool> g_collapse{true};
+
+// --- uncaught exceptions ------------------------------------------------------
+
+// Prints `e` in its long form to the error output, under `heading`.
+void print_to_error_output(const char* heading, const vrk::exception& e) noexcept {
+    try {
+        vrk::osstream os(g_heap.object_);
+        os << heading << e;
+        const char* text = os.c_str();
+        write_error_output(text, std::strlen(text));
+    } catch (...) {
+        // Nothing more can be said: the process is ending.
+    }
+}
+
+std::terminate_handler g_previous_terminate = nullptr;
+
+struct terminate_installer {
+    terminate_installer() noexcept {
+        g_previous_terminate = std::set_terminate(vrk::host::terminate_handler);
+    }
+} g_terminate_installer;
 
 } // namespace
 
@@ -165,35 +189,61 @@ unsigned vrk_extern::import::save_stack_trace(void** frames, unsigned max_frames
     // The fast walk serves plain frames from its rule table; a frame it does
     // not handle sends the whole capture to the runtime's unwinder.
     unsigned count = 0;
-    if (vrk_host::walk_stack(frames, max_frames, caller, &count) == vrk_host::walk_result::done) {
+    if (vrk::host::walk_stack(frames, max_frames, caller, &count) == vrk::host::walk_result::done) {
         if (count != 0 || caller == nullptr)
             return count;
         // `caller` was not on the stack: record from the top instead.
-        if (vrk_host::walk_stack(frames, max_frames, nullptr, &count) ==
-            vrk_host::walk_result::done)
+        if (vrk::host::walk_stack(frames, max_frames, nullptr, &count) ==
+            vrk::host::walk_result::done)
             return count;
     }
     return unwinder_capture(frames, max_frames, caller);
 }
 
 // One frame a line, numbered:
-//   #0  0x000055d4c8a0b1c4 app::save_document()+0x54 (app) at /src/app/save.cpp:32
-// The address is a return address as captured; function, module and source
-// line are those of the call in front of it (see vrk/host/frame_names.hpp).
-// Without debug information, the function is the nearest exported symbol as
-// the dynamic linker knows it (link with -rdynamic for the functions of an
-// executable) and the source line is left out. Symbols are resolved here,
-// when printing, never when capturing.
+//   #0  0x000055d4c8a0b1c4 app::save_document()+0x54 (app+0x11c4) at /src/app/save.cpp:32
+// The address is a return address as captured; the module offset is that
+// address as the module is linked (what addr2line or `vrkexc symbolize` take
+// on another machine); function and source line are those of the call in
+// front of it (see vrk/host/frame_names.hpp). Without debug information the
+// source line is left out. Symbols are resolved here, when printing, never
+// when capturing.
 void vrk_extern::import::print_stack_trace(vrk::ostream* os, void** frames, unsigned count) {
     vrk::host::frame_names names;
-    for (unsigned i = 0; i < count; ++i) {
-        char line[40];
-        const int n = std::snprintf(line, sizeof line, "#%-2u 0x%016lx", i,
-                                    reinterpret_cast<unsigned long>(frames[i]));
+    const bool collapse = g_collapse.load(std::memory_order_relaxed);
+    unsigned left_out = 0;
+    // One line for the run of `left_out` frames before frame `next`.
+    const auto write_left_out = [&](unsigned next) {
+        if (left_out == 0)
+            return;
+        char line[120];
+        const unsigned first = next - left_out;
+        const int n =
+            left_out == 1
+                ? std::snprintf(line, sizeof line,
+                                "#%-2u 1 frame of the standard library's invoke and thread "
+                                "machinery left out",
+                                first)
+                : std::snprintf(line, sizeof line,
+                                "#%u-%u  %u frames of the standard library's invoke and thread "
+                                "machinery left out",
+                                first, next - 1, left_out);
         os->write(line, n);
-        names.write(*os, frames[i]);
+        *os << vrk::endl;
+        left_out = 0;
+    };
+    for (unsigned i = 0; i < count; ++i) {
+        const vrk::host::frame_info info = names.resolve(frames[i]);
+        if (collapse && info.function_ != nullptr &&
+            vrk::host::is_runtime_machinery(info.function_)) {
+            ++left_out;
+            continue;
+        }
+        write_left_out(i);
+        vrk::host::write_frame(*os, i, reinterpret_cast<uintptr_t>(frames[i]), info);
         *os << vrk::endl;
     }
+    write_left_out(count);
 }
 
 void vrk_extern::import::caught_exception(const vrk::exception&) {}
@@ -255,3 +305,28 @@ void vrk_extern::import::abort(const char* file, int line, const char* msg, long
 }
 
 vrk::allocator& vrk::exception::default_allocator() { return g_heap.object_; }
+
+void vrk::host::set_collapse_runtime_frames(bool collapse) noexcept {
+    g_collapse.store(collapse, std::memory_order_relaxed);
+}
+
+// The exception is caught by rethrowing the one in flight; the runtime keeps
+// it alive while this handler runs.
+void vrk::host::terminate_handler() noexcept {
+    if (const std::exception_ptr in_flight = std::current_exception()) {
+        try {
+            std::rethrow_exception(in_flight);
+        } catch (const vrk::exception& e) {
+            print_to_error_output("vrk: terminating on an uncaught exception:\n", e);
+            for (const vrk::exception* live = vrk::exception::get_first_registered();
+                 live != nullptr; live = live->get_next_registered())
+                if (live->data() != e.data())
+                    print_to_error_output("vrk: live exception of this thread:\n", *live);
+        } catch (...) {
+            // Not ours: the previous handler describes it.
+        }
+    }
+    if (g_previous_terminate != nullptr && g_previous_terminate != vrk::host::terminate_handler)
+        g_previous_terminate();
+    std::abort();
+}

@@ -1,12 +1,14 @@
-// Names for the frames of a printed stack trace: the dynamic linker's
-// symbols always, and with elfutils' libdw (VRK_WITH_LIBDW) the symbol table
-// and debug information of each module for source lines and for functions
-// that have no dynamic symbol (static functions, anonymous namespaces,
-// executables linked without -rdynamic).
+// Names for the frames of a printed stack trace: the module and the offset
+// inside it from the dynamic linker; function names from the module's full
+// symbol table (read from its file once and kept), else its dynamic symbols;
+// with elfutils' libdw (VRK_WITH_LIBDW) source lines and the names of
+// functions found only in the debug information.
 #include "vrk/host/frame_names.hpp"
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <link.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -15,6 +17,9 @@
 #include <cstring>
 #include <mutex>
 
+#include "vrk/ext/heap_allocator.hpp"
+#include "vrk/host/elf_symbols.hpp"
+#include "vrk/host/never_destroyed.hpp"
 #include "vrk/ostream.hpp"
 
 #if VRK_WITH_LIBDW
@@ -27,26 +32,138 @@ namespace vrk::host {
 
 namespace {
 
-// Writes `name` demangled when it is a mangled C++ name, as it is otherwise.
-void write_function_name(vrk::ostream& os, const char* name) {
-    int status = -1;
-    char* demangled = abi::__cxa_demangle(name, nullptr, nullptr, &status);
-    os << ' ' << (status == 0 && demangled != nullptr ? demangled : name);
-    std::free(demangled);
-}
-
-void write_offset(vrk::ostream& os, unsigned long offset) {
-    char text[24];
-    const int n = std::snprintf(text, sizeof text, "+0x%lx", offset);
-    os.write(text, n);
-}
-
 const char* base_name(const char* path) noexcept {
     const char* slash = std::strrchr(path, '/');
     return slash != nullptr ? slash + 1 : path;
 }
 
+// Symbol tables of the files of recent traces, read once per file version
+// (device, inode, size and modification time: a library rebuilt or replaced
+// at one path is read again). Guarded by g_lock, which a frame_names holds
+// for its pass. Never destroyed: a trace may be printed from a destructor
+// that runs at exit.
+struct cached_file {
+    dev_t dev_;
+    ino_t ino_;
+    off_t size_;
+    timespec mtime_;
+    elf_symbols* p_symbols_;
+};
+constexpr unsigned CACHED_FILES = 16;
+constinit cached_file g_files[CACHED_FILES] = {};
+constinit unsigned g_next_file = 0; // the slot to reuse next
+std::mutex g_lock;
+constinit never_destroyed<vrk::heap_allocator> g_tables_heap;
+
+const elf_symbols* symbols_of(const char* path) {
+    struct stat st {};
+    if (::stat(path, &st) != 0)
+        return nullptr;
+    for (const cached_file& f : g_files)
+        if (f.p_symbols_ != nullptr && f.dev_ == st.st_dev && f.ino_ == st.st_ino &&
+            f.size_ == st.st_size && f.mtime_.tv_sec == st.st_mtim.tv_sec &&
+            f.mtime_.tv_nsec == st.st_mtim.tv_nsec)
+            return f.p_symbols_;
+    cached_file& slot = g_files[g_next_file++ % CACHED_FILES];
+    elf_symbols::close(slot.p_symbols_);
+    slot = cached_file{st.st_dev, st.st_ino, st.st_size, st.st_mtim,
+                       elf_symbols::open(path, g_tables_heap.object_)};
+    return slot.p_symbols_;
+}
+
+// The function holding the return address `module_offset` of the file at
+// `path`, from its symbol table; false when none is known.
+bool name_from_file(const char* path, uint64_t module_offset, const char*& name, uint64_t& offset) {
+    const elf_symbols* symbols = module_offset != 0 ? symbols_of(path) : nullptr;
+    uint64_t from_start = 0;
+    name = symbols != nullptr ? symbols->find(module_offset - 1, &from_start) : nullptr;
+    offset = from_start + 1;
+    return name != nullptr;
+}
+
+// The module of the return address `ret` of this process, its offset there
+// and the file to read its symbols from; false outside every module.
+bool locate(uintptr_t ret, frame_info& info, Dl_info& dl, const char*& file) {
+    link_map* map = nullptr;
+    if (dladdr1(reinterpret_cast<const void*>(ret - 1), &dl, reinterpret_cast<void**>(&map),
+                RTLD_DL_LINKMAP) == 0)
+        return false;
+    if (dl.dli_fname != nullptr && dl.dli_fname[0] != 0)
+        info.module_ = base_name(dl.dli_fname);
+    info.module_offset_ = ret - (map != nullptr ? map->l_addr : 0);
+    // The main program's entry has no name; its file is found through /proc.
+    file = map != nullptr && map->l_name != nullptr && map->l_name[0] != 0 ? map->l_name
+                                                                           : "/proc/self/exe";
+    return true;
+}
+
+// Writes `value` as "0x" and lower-case hexadecimal digits.
+void write_hex(vrk::ostream& os, const char* prefix, uint64_t value) {
+    char text[32];
+    const int n = std::snprintf(text, sizeof text, "%s0x%llx", prefix,
+                                static_cast<unsigned long long>(value));
+    os.write(text, n);
+}
+
 } // namespace
+
+void write_frame(vrk::ostream& os, unsigned index, uint64_t address, const frame_info& info) {
+    char head[40];
+    const int n = std::snprintf(head, sizeof head, "#%-2u 0x%016llx", index,
+                                static_cast<unsigned long long>(address));
+    os.write(head, n);
+    if (info.function_ != nullptr) {
+        os << ' ' << info.function_;
+        write_hex(os, "+", info.function_offset_);
+    }
+    if (info.module_ != nullptr) {
+        os << " (" << info.module_;
+        write_hex(os, "+", info.module_offset_);
+        os << ')';
+    }
+    if (info.file_ != nullptr)
+        os << " at " << info.file_ << ':' << info.line_;
+}
+
+// A prefix counts at the start of the name or after the return type that
+// the demangler writes in front of a function template's name, but not
+// inside its parameters.
+bool is_runtime_machinery(const char* function) noexcept {
+    static const char* const PREFIXES[] = {
+        "std::__invoke",
+        "std::invoke",
+        "std::thread::_Invoker",
+        "std::thread::_State_impl",
+        "std::_Function_handler",
+        "std::__future_base::",
+        "std::_Bind",
+    };
+    const char* params = std::strchr(function, '(');
+    for (const char* prefix : PREFIXES) {
+        const char* at = std::strstr(function, prefix);
+        if (at != nullptr && (at == function || at[-1] == ' ') &&
+            (params == nullptr || at < params))
+            return true;
+    }
+    return false;
+}
+
+frame_names::~frame_names() {
+    std::free(p_demangled_); // the demangler's own (malloc) buffer
+    g_lock.unlock();
+}
+
+// Demangles into the reused buffer; `name` itself when it is no C++ name.
+const char* frame_names::demangle_(const char* name) {
+    int status = -1;
+    size_t size = demangled_size_;
+    char* text = abi::__cxa_demangle(name, p_demangled_, &size, &status);
+    if (status != 0 || text == nullptr)
+        return name;
+    p_demangled_ = text;
+    demangled_size_ = size;
+    return text;
+}
 
 #if VRK_WITH_LIBDW
 
@@ -67,10 +184,9 @@ const Dwfl_Callbacks CALLBACKS = {dwfl_linux_proc_find_elf, find_debuginfo_local
 
 // One session for the process: reading a module's tables is the expensive
 // part, and they stay valid while the module stays mapped. libdw sessions are
-// not thread-safe, hence the lock, held for a whole trace. The session is
+// not thread-safe, hence g_lock, held for a whole trace. The session is
 // never ended: a trace may be printed from another object's destructor at
 // exit.
-std::mutex g_session_lock;
 Dwfl* g_dwfl = nullptr;
 pid_t g_dwfl_pid = 0;
 
@@ -157,84 +273,150 @@ const char* debug_info_function(Dwfl_Module* mod, Dwarf_Addr addr, Dwarf_Addr& e
     return name;
 }
 
-} // namespace
-
-frame_names::frame_names() { g_session_lock.lock(); }
-
-frame_names::~frame_names() { g_session_lock.unlock(); }
-
-bool frame_names::reads_debug_info() noexcept { return true; }
-
-void frame_names::write(vrk::ostream& os, const void* pc) {
-    const auto ret = reinterpret_cast<uintptr_t>(pc);
-    const uintptr_t call = ret - 1;
-    Dl_info info{};
-    const bool have_dl = dladdr(reinterpret_cast<const void*>(call), &info) != 0;
-    Dwfl_Module* mod = module_of(call, refreshed_);
-
-    // Function: the dynamic symbol, else the symbol table (local symbols
-    // included), else the debug information.
-    if (have_dl && info.dli_sname != nullptr) {
-        write_function_name(os, info.dli_sname);
-        write_offset(os, ret - reinterpret_cast<uintptr_t>(info.dli_saddr));
-    } else if (mod != nullptr) {
-        GElf_Off offset = 0;
-        GElf_Sym sym;
-        if (const char* name =
-                dwfl_module_addrinfo(mod, call, &offset, &sym, nullptr, nullptr, nullptr)) {
-            write_function_name(os, name);
-            write_offset(os, static_cast<unsigned long>(offset + 1));
-        } else {
-            Dwarf_Addr entry = 0;
-            if (const char* fn = debug_info_function(mod, call, entry)) {
-                write_function_name(os, fn);
-                if (entry != 0 && entry <= call)
-                    write_offset(os, ret - entry);
-            }
-        }
-    }
-
-    if (have_dl && info.dli_fname != nullptr)
-        os << " (" << base_name(info.dli_fname) << ')';
-    else if (mod != nullptr)
-        if (const char* name = dwfl_module_info(mod, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                                nullptr, nullptr))
-            os << " (" << base_name(name) << ')';
-
-    if (mod != nullptr) {
-        Dwarf_Addr bias = 0;
-        if (Dwarf_Die* cu = unit_of(mod, call, bias)) {
-            if (Dwarf_Line* line = dwarf_getsrc_die(cu, call - bias)) {
-                int lineno = 0;
-                const char* file = dwarf_linesrc(line, nullptr, nullptr);
-                if (file != nullptr && dwarf_lineno(line, &lineno) == 0)
-                    os << " at " << file << ':' << lineno;
+// The line of the call in front of the return address `call` + 1.
+void source_line(Dwfl_Module* mod, Dwarf_Addr call, frame_info& info) {
+    Dwarf_Addr bias = 0;
+    if (Dwarf_Die* cu = unit_of(mod, call, bias)) {
+        if (Dwarf_Line* line = dwarf_getsrc_die(cu, call - bias)) {
+            int lineno = 0;
+            const char* file = dwarf_linesrc(line, nullptr, nullptr);
+            if (file != nullptr && dwarf_lineno(line, &lineno) == 0) {
+                info.file_ = file;
+                info.line_ = lineno;
             }
         }
     }
 }
 
+// Sessions over files that are not loaded (`vrkexc symbolize`), one per
+// file, kept for the process as the live session is.
+struct offline_file {
+    char path_[256];
+    Dwfl* p_dwfl_;
+    Dwfl_Module* p_mod_;
+};
+const Dwfl_Callbacks OFFLINE_CALLBACKS = {dwfl_build_id_find_elf, find_debuginfo_locally,
+                                          dwfl_offline_section_address, &g_debuginfo_path};
+offline_file g_offline[8];
+unsigned g_next_offline = 0;
+
+Dwfl_Module* offline_module(const char* path) {
+    for (const offline_file& f : g_offline)
+        if (f.p_dwfl_ != nullptr && std::strcmp(f.path_, path) == 0)
+            return f.p_mod_;
+    if (std::strlen(path) >= sizeof g_offline[0].path_)
+        return nullptr;
+    offline_file& slot = g_offline[g_next_offline++ % std::size(g_offline)];
+    if (slot.p_dwfl_ != nullptr)
+        dwfl_end(slot.p_dwfl_);
+    slot.p_dwfl_ = dwfl_begin(&OFFLINE_CALLBACKS);
+    if (slot.p_dwfl_ == nullptr)
+        return nullptr;
+    std::strcpy(slot.path_, path);
+    // Placed where the file is linked: module offsets are its addresses.
+    slot.p_mod_ = dwfl_report_elf(slot.p_dwfl_, base_name(path), path, -1, 0, false);
+    dwfl_report_end(slot.p_dwfl_, nullptr, nullptr);
+    return slot.p_mod_;
+}
+
+} // namespace
+
+frame_names::frame_names() { g_lock.lock(); }
+
+bool frame_names::reads_debug_info() noexcept { return true; }
+
+frame_info frame_names::resolve(const void* pc) {
+    frame_info info;
+    const auto ret = reinterpret_cast<uintptr_t>(pc);
+    const uintptr_t call = ret - 1;
+    Dl_info dl{};
+    const char* file = nullptr;
+    const bool have_dl = locate(ret, info, dl, file);
+    Dwfl_Module* mod = module_of(call, refreshed_);
+
+    // Function: the dynamic symbol, else the symbol table (local symbols
+    // included), else the debug information.
+    if (have_dl && dl.dli_sname != nullptr) {
+        info.function_ = demangle_(dl.dli_sname);
+        info.function_offset_ = ret - reinterpret_cast<uintptr_t>(dl.dli_saddr);
+    } else if (mod != nullptr) {
+        GElf_Off offset = 0;
+        GElf_Sym sym;
+        if (const char* name =
+                dwfl_module_addrinfo(mod, call, &offset, &sym, nullptr, nullptr, nullptr)) {
+            info.function_ = demangle_(name);
+            info.function_offset_ = offset + 1;
+        } else {
+            Dwarf_Addr entry = 0;
+            if (const char* fn = debug_info_function(mod, call, entry)) {
+                info.function_ = demangle_(fn);
+                if (entry != 0 && entry <= call)
+                    info.function_offset_ = ret - entry;
+            }
+        }
+    }
+    if (info.module_ == nullptr && mod != nullptr)
+        if (const char* name = dwfl_module_info(mod, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                                nullptr, nullptr))
+            info.module_ = base_name(name);
+    if (mod != nullptr)
+        source_line(mod, call, info);
+    return info;
+}
+
+frame_info frame_names::resolve_in_file(const char* path, uint64_t module_offset) {
+    frame_info info;
+    info.module_ = base_name(path);
+    info.module_offset_ = module_offset;
+    const char* name = nullptr;
+    if (name_from_file(path, module_offset, name, info.function_offset_))
+        info.function_ = demangle_(name);
+    if (Dwfl_Module* mod = module_offset != 0 ? offline_module(path) : nullptr) {
+        if (info.function_ == nullptr) {
+            Dwarf_Addr entry = 0;
+            if (const char* fn = debug_info_function(mod, module_offset - 1, entry)) {
+                info.function_ = demangle_(fn);
+                info.function_offset_ =
+                    entry != 0 && entry < module_offset ? module_offset - entry : 0;
+            }
+        }
+        source_line(mod, module_offset - 1, info);
+    }
+    return info;
+}
+
 #else // !VRK_WITH_LIBDW
 
-frame_names::frame_names() = default;
-
-frame_names::~frame_names() = default;
+frame_names::frame_names() { g_lock.lock(); }
 
 bool frame_names::reads_debug_info() noexcept { return false; }
 
-// The dynamic linker knows exported symbols only: functions of an executable
-// need -rdynamic, static functions get the module alone.
-void frame_names::write(vrk::ostream& os, const void* pc) {
+// The module's symbol table, else the dynamic linker's exported symbols.
+frame_info frame_names::resolve(const void* pc) {
+    frame_info info;
     const auto ret = reinterpret_cast<uintptr_t>(pc);
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<const void*>(ret - 1), &info) == 0)
-        return;
-    if (info.dli_sname != nullptr) {
-        write_function_name(os, info.dli_sname);
-        write_offset(os, ret - reinterpret_cast<uintptr_t>(info.dli_saddr));
+    Dl_info dl{};
+    const char* file = nullptr;
+    if (!locate(ret, info, dl, file))
+        return info;
+    const char* name = nullptr;
+    if (name_from_file(file, info.module_offset_, name, info.function_offset_)) {
+        info.function_ = demangle_(name);
+    } else if (dl.dli_sname != nullptr) {
+        info.function_ = demangle_(dl.dli_sname);
+        info.function_offset_ = ret - reinterpret_cast<uintptr_t>(dl.dli_saddr);
     }
-    if (info.dli_fname != nullptr)
-        os << " (" << base_name(info.dli_fname) << ')';
+    return info;
+}
+
+frame_info frame_names::resolve_in_file(const char* path, uint64_t module_offset) {
+    frame_info info;
+    info.module_ = base_name(path);
+    info.module_offset_ = module_offset;
+    const char* name = nullptr;
+    if (name_from_file(path, module_offset, name, info.function_offset_))
+        info.function_ = demangle_(name);
+    return info;
 }
 
 #endif

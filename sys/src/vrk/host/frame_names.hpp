@@ -1,38 +1,67 @@
 // vrk/host/frame_names.hpp: names the code addresses of a captured stack for
-// the default host's printed traces: function and offset, module, and, where
-// debug information can be read, source file and line.
+// the default host's printed traces: function and offset, module and the
+// offset inside it, and, where debug information can be read, source file
+// and line. Also the one format of a frame line, which `vrkexc symbolize`
+// writes as well.
 //
 // Used only when a trace is printed, never while one is captured: it may
-// allocate (the platform's demangler and debug-information reader do) and it
-// takes a process-wide lock for the debug-information session.
+// allocate (the demangler, the symbol tables and the debug-information reader
+// do) and it takes a process-wide lock for its tables.
 #pragma once
+
+#include <cstddef>
+#include <cstdint>
 
 #include "vrk/ext/noncopyable.hpp"
 #include "vrk/iosfwd.hpp"
 
 namespace vrk::host {
 
-// One printing pass over a trace. Holds the lock of the debug-information
-// session, if the build has one, for the lifetime of the object.
+// What is known of one frame; every text may be null. The texts stay valid
+// until the next resolve on the same frame_names, or its end.
+struct frame_info {
+    const char* function_ = nullptr; // demangled where it is a C++ name
+    uint64_t function_offset_ = 0;   // of the address from the function's start
+    const char* module_ = nullptr;   // the module's file name, without directories
+    uint64_t module_offset_ = 0;     // the address as the module is linked
+    const char* file_ = nullptr;
+    int line_ = 0;
+};
+
+// Writes "#<index> 0x<address> function+0xoffset (module+0xoffset) at
+// file:line", leaving out what is unknown, without a line end.
+void write_frame(vrk::ostream& os, unsigned index, uint64_t address, const frame_info& info);
+
+// True for a frame of the standard library's invoke, thread and function
+// machinery (std::__invoke_impl, std::thread::_State_impl, ...), which a
+// trace shows as a count.
+bool is_runtime_machinery(const char* function) noexcept;
+
+// One printing pass over a trace. Holds the lock of the symbol tables (and
+// of the debug-information session, if the build has one) while it lives.
 class frame_names : private vrk::non_copyable {
 public:
     frame_names();
-    // Releases the session lock; nothing to do in a build without debug
-    // information.
-    ~frame_names(); // NOLINT(performance-trivially-destructible)
+    ~frame_names();
 
-    // Writes " function+0xoffset (module) at file:line" for the return
-    // address `pc`, leaving out what cannot be found. The names are those of
-    // the call instruction in front of `pc`: a return address can point past
-    // the end of a function whose last instruction is a call that does not
-    // return.
-    void write(vrk::ostream& os, const void* pc);
+    // Resolves the return address `pc` of this process. The names are those
+    // of the call instruction in front of `pc`: a return address can point
+    // past the end of a function whose last instruction is a call that does
+    // not return. The module offset is that of `pc` itself.
+    frame_info resolve(const void* pc);
 
-    // True when this build reads debug information (source lines, names of
-    // functions without a dynamic symbol).
+    // Resolves the return address `module_offset` of the ELF file at `path`
+    // (which need not be loaded), as a trace printed elsewhere names it.
+    frame_info resolve_in_file(const char* path, uint64_t module_offset);
+
+    // True when this build reads debug information (source lines).
     static bool reads_debug_info() noexcept;
 
 private:
+    const char* demangle_(const char* name);
+
+    char* p_demangled_ = nullptr; // the demangler's buffer, reused
+    size_t demangled_size_ = 0;
     [[maybe_unused]] bool refreshed_ = false; // the module list was read again during this pass
 };
 

@@ -22,7 +22,7 @@ struct dwarf_eh_bases {
 extern "C" const void* _Unwind_Find_FDE(void* pc,
                                         dwarf_eh_bases* bases); // the runtime's own name
 
-namespace vrk_host {
+namespace vrk::host {
 
 namespace {
 
@@ -651,4 +651,4 @@ walk_stack(void** frames, unsigned max_frames, const void* caller, unsigned* cou
 #endif
 }
 
-} // namespace vrk_host
+} // namespace vrk::host

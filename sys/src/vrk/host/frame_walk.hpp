@@ -12,7 +12,7 @@
 // information included) so that the caller can use the full unwinder.
 #pragma once
 
-namespace vrk_host {
+namespace vrk::host {
 
 enum class walk_result {
     done,    // the walk reached the end of the stack or filled the buffer
@@ -27,4 +27,4 @@ enum class walk_result {
 walk_result walk_stack(void** frames, unsigned max_frames, const void* caller,
                        unsigned* count) noexcept;
 
-} // namespace vrk_host
+} // namespace vrk::host
