@@ -64,7 +64,7 @@ printf '' | "$exe" decode > /dev/null 2>&1; check "empty input status" 1 $?
 "$exe" encode --arg X=1 > /dev/null 2>&1; check "arg before message" 2 $?
 "$exe" encode > /dev/null 2>&1; check "nothing to encode" 2 $?
 "$exe" bogus > /dev/null 2>&1; check "unknown command" 2 $?
-for cmd in decode encode demo; do
+for cmd in decode encode symbolize demo; do
   "$exe" "$cmd" --help | grep -q "usage: vrkexc $cmd" || { echo "FAIL: $cmd --help"; failures=$((failures + 1)); }
 done
 
