@@ -118,7 +118,8 @@ void write_frame(vrk::ostream& os, unsigned index, uint64_t address, const frame
     }
     if (info.module_ != nullptr) {
         os << " (" << info.module_;
-        write_hex(os, "+", info.module_offset_);
+        if (info.module_offset_ != 0) // 0: unknown (no code lies at a module's start)
+            write_hex(os, "+", info.module_offset_);
         os << ')';
     }
     if (info.file_ != nullptr)

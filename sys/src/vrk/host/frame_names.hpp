@@ -23,7 +23,7 @@ struct frame_info {
     const char* function_ = nullptr; // demangled where it is a C++ name
     uint64_t function_offset_ = 0;   // of the address from the function's start
     const char* module_ = nullptr;   // the module's file name, without directories
-    uint64_t module_offset_ = 0;     // the address as the module is linked
+    uint64_t module_offset_ = 0;     // the address as the module is linked; 0 unknown
     const char* file_ = nullptr;
     int line_ = 0;
 };
