@@ -314,7 +314,12 @@ void vrk::host::set_collapse_runtime_frames(bool collapse) noexcept {
 // The exception is caught by rethrowing the one in flight; the runtime keeps
 // it alive while this handler runs.
 void vrk::host::terminate_handler() noexcept {
-    if (const std::exception_ptr in_flight = std::current_exception()) {
+    // Printing that ends in terminate again goes straight to the previous
+    // handler.
+    static constinit thread_local bool t_printing = false;
+    const std::exception_ptr in_flight = t_printing ? nullptr : std::current_exception();
+    t_printing = true;
+    if (in_flight) {
         try {
             std::rethrow_exception(in_flight);
         } catch (const vrk::exception& e) {

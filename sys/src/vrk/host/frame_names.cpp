@@ -52,7 +52,10 @@ struct cached_file {
 constexpr unsigned CACHED_FILES = 16;
 constinit cached_file g_files[CACHED_FILES] = {};
 constinit unsigned g_next_file = 0; // the slot to reuse next
-std::mutex g_lock;
+// Recursive: a trace that fails while printing inside a function that must
+// not throw ends in the terminate handler, which prints on the same thread
+// while the failed pass still holds the lock (its state is not in use then).
+std::recursive_mutex g_lock;
 constinit never_destroyed<vrk::heap_allocator> g_tables_heap;
 
 const elf_symbols* symbols_of(const char* path) {
