@@ -21,9 +21,9 @@ namespace {
 
 const vrk::error_code CODE{31, "printed trace", nullptr};
 
-int g_throw_line = 0;
-int g_call_line = 0;
-const void* g_thrower_return = nullptr;
+thread_local int g_throw_line = 0; // each thread checks its own trace
+thread_local int g_call_line = 0;
+thread_local const void* g_thrower_return = nullptr;
 
 // The line of the printed trace that starts with "#<index> ".
 std::string frame_line(const std::string& text, int index) {
