@@ -8,6 +8,9 @@
 #include <gtest/gtest.h>
 
 #include "vrk/exception.hpp"
+#include "vrk/ext/heap_allocator.hpp"
+#include "vrk/host/default_host.hpp"
+#include "vrk/sstream.hpp"
 
 // Capture must work while memory is exhausted: malloc is counted by wrapping
 // it in this binary (not under the sanitizers, which own malloc themselves).
@@ -121,8 +124,8 @@ TEST(DefaultHost, ForgottenExceptionIsNotedOnTheErrorOutput) {
 }
 
 // An exception that nobody catches shows its long form with its throw
-// location and the thread's other live exceptions, then the handler that
-// was installed before the host's says its part.
+// location, then the handler that was installed before the host's says its
+// part; write_uncaught adds the thread's other live exceptions, each once.
 TEST(DefaultHost, AbortsReportAndEndTheProcess) {
     EXPECT_DEATH(vrk_extern::import::abort("some/file", 12, "Broken"),
                  "vrk abort: some/file:12: Broken");
@@ -130,8 +133,6 @@ TEST(DefaultHost, AbortsReportAndEndTheProcess) {
                  "vrk abort: some/file:13: Unexpected link, aborting: 1");
     const vrk::error_code uncaught{24, "nobody caught $WHAT$", nullptr};
     EXPECT_DEATH(std::thread([&] {
-                     vrk::exception live("pending.cpp", 3, CODE);
-                     live.register_on_thread();
                      VRK_THROW(vrk::runtime_error, uncaught) << vrk::msgarg_text("WHAT", "this");
                  }).join(),
                  "vrk: terminating on an uncaught exception:\n"
@@ -139,9 +140,26 @@ TEST(DefaultHost, AbortsReportAndEndTheProcess) {
                  "    nobody caught this\n"
                  "exception throw location:\n"
                  "#0  0x[0-9a-f]+ [^\n]*\\(vrk_default_host_tests\\+0x[0-9a-f]+\\).*"
-                 "vrk: live exception of this thread:\n"
-                 "exception  1: no.21  \\(pending.cpp:3\\).*"
                  "terminate called after throwing an instance of 'vrk::runtime_error'");
+
+    vrk::exception live("pending.cpp", 3, CODE), thrown("thrown.cpp", 4, uncaught);
+    live.register_on_thread();
+    thrown.register_on_thread();
+    testing::internal::CaptureStderr();
+    vrk::host::write_uncaught(thrown);
+    const std::string written = testing::internal::GetCapturedStderr();
+    thrown.unregister_on_thread();
+    live.unregister_on_thread();
+    std::ostringstream expected;
+    for (const vrk::exception* e : {&thrown, &live}) {
+        vrk::heap_allocator heap;
+        vrk::osstream os(heap);
+        os << *e;
+        expected << (e == &thrown ? "vrk: terminating on an uncaught exception:\n"
+                                  : "vrk: live exception of this thread:\n")
+                 << os.c_str();
+    }
+    EXPECT_EQ(written, expected.str());
 }
 
 struct allocator_access : vrk::exception {

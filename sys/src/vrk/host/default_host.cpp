@@ -311,6 +311,14 @@ void vrk::host::set_collapse_runtime_frames(bool collapse) noexcept {
     g_collapse.store(collapse, std::memory_order_relaxed);
 }
 
+void vrk::host::write_uncaught(const vrk::exception& e) noexcept {
+    print_to_error_output("vrk: terminating on an uncaught exception:\n", e);
+    for (const vrk::exception* live = vrk::exception::get_first_registered(); live != nullptr;
+         live = live->get_next_registered())
+        if (live->data() != e.data())
+            print_to_error_output("vrk: live exception of this thread:\n", *live);
+}
+
 // The exception is caught by rethrowing the one in flight; the runtime keeps
 // it alive while this handler runs.
 void vrk::host::terminate_handler() noexcept {
@@ -323,11 +331,7 @@ void vrk::host::terminate_handler() noexcept {
         try {
             std::rethrow_exception(in_flight);
         } catch (const vrk::exception& e) {
-            print_to_error_output("vrk: terminating on an uncaught exception:\n", e);
-            for (const vrk::exception* live = vrk::exception::get_first_registered();
-                 live != nullptr; live = live->get_next_registered())
-                if (live->data() != e.data())
-                    print_to_error_output("vrk: live exception of this thread:\n", *live);
+            vrk::host::write_uncaught(e);
         } catch (...) {
             // Not ours: the previous handler describes it.
         }
