@@ -3,7 +3,16 @@
 // names of functions without a dynamic symbol from the symbol table, and
 // with debug information read (libdw) the throw site's file:line; the
 // standard library's thread machinery shown as a count.
+#include <dlfcn.h>
+#include <elf.h>
+#include <link.h>
+
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +23,7 @@
 #include "vrk/exception.hpp"
 #include "vrk/ext/heap_allocator.hpp"
 #include "vrk/host/default_host.hpp"
+#include "vrk/host/elf_symbols.hpp"
 #include "vrk/host/frame_names.hpp"
 #include "vrk/sstream.hpp"
 
@@ -118,6 +128,91 @@ TEST(DefaultHostStackPrint, ThreadMachineryIsCountedUnlessShown) {
                                        "machinery left out\n") != std::string::npos;
         EXPECT_EQ(shown, !collapse) << text;
         EXPECT_EQ(counted, collapse) << text;
+    }
+}
+
+} // namespace
+
+namespace {
+
+// Counts blocks and fails the allocation numbered `fail_at_` (from 0).
+struct failing_heap final : vrk::allocator {
+    int fail_at_ = -1;
+    int count_ = 0;
+    long live_ = 0;
+    void* allocateNoThrow(size_t n, const void*) noexcept override {
+        if (count_++ == fail_at_)
+            return nullptr;
+        ++live_;
+        return std::malloc(n);
+    }
+    void* allocate(size_t n, const void* caller) override { return allocateNoThrow(n, caller); }
+    void* allocate(size_t n) override { return allocateNoThrow(n, nullptr); }
+    void deallocate(void* p) noexcept override {
+        --live_;
+        std::free(p);
+    }
+};
+
+// The symbol table of this program as traces read it: a function of an
+// anonymous namespace found by its linked address, with every allocation
+// failing in turn (nothing leaks); then images with damaged headers and
+// section tables are read without reading outside them (the sanitizers
+// watch) and without naming anything outside the program's functions.
+TEST(DefaultHostStackPrint, SymbolTableOfTheProgramFile) {
+    Dl_info dl{};
+    link_map* map = nullptr;
+    const auto fn = reinterpret_cast<uintptr_t>(&call_throw_site);
+    ASSERT_NE(
+        dladdr1(reinterpret_cast<void*>(fn), &dl, reinterpret_cast<void**>(&map), RTLD_DL_LINKMAP),
+        0);
+    const uint64_t linked = fn - map->l_addr;
+    for (int fail_at = 0; fail_at < 3; ++fail_at) {
+        failing_heap heap;
+        heap.fail_at_ = fail_at;
+        vrk::host::elf_symbols* symbols = vrk::host::elf_symbols::open("/proc/self/exe", heap);
+        EXPECT_EQ(symbols == nullptr, fail_at == 0);
+        if (symbols != nullptr) {
+            EXPECT_EQ(symbols->empty(), fail_at == 1);
+            uint64_t offset = 0;
+            const char* name = symbols->find(linked + 3, &offset);
+            EXPECT_EQ(name != nullptr && std::strstr(name, "call_throw_site") != nullptr &&
+                          offset == 3,
+                      fail_at == 2);
+            EXPECT_EQ(symbols->find(0, &offset), nullptr);
+        }
+        vrk::host::elf_symbols::close(symbols);
+        EXPECT_EQ(heap.live_, 0);
+    }
+
+    std::ifstream file("/proc/self/exe", std::ios::binary);
+    const std::vector<unsigned char> image{std::istreambuf_iterator<char>(file), {}};
+    Elf64_Ehdr eh;
+    ASSERT_GT(image.size(), sizeof eh);
+    std::memcpy(&eh, image.data(), sizeof eh);
+    const size_t tables = eh.e_shoff;
+    ASSERT_LT(tables, image.size());
+    std::mt19937 random(7);
+    for (int i = 0; i < 300; ++i) {
+        std::vector<unsigned char> damaged = image;
+        for (int j = 0; j < 4; ++j) {
+            // The header and the section table: where every offset and size is.
+            const size_t at = random() % 2 != 0 ? random() % sizeof eh
+                                                : tables + random() % (image.size() - tables);
+            damaged[at] = static_cast<unsigned char>(random());
+        }
+        failing_heap heap;
+        {
+            vrk::host::elf_symbols symbols(damaged.data(), damaged.size(), heap);
+            uint64_t offset = 0;
+            const char* name = symbols.find(linked, &offset);
+            // A name lies wholly inside the image.
+            const auto* end = reinterpret_cast<const char*>(damaged.data() + damaged.size());
+            if (name != nullptr) {
+                EXPECT_TRUE(name < end && std::memchr(name, 0, static_cast<size_t>(end - name)));
+            }
+        }
+        EXPECT_EQ(heap.live_, 0);
     }
 }
 
