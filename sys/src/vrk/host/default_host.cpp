@@ -271,11 +271,8 @@ void vrk_extern::import::forgotten_exception(const vrk::exception& e) noexcept {
         std::memcpy(line + used, text, len);
         used += len;
     };
+    // The facility reports only exceptions that have a block.
     const auto* block = const_cast<const vrk::exception_data*>(e.data());
-    if (block == nullptr) {
-        const char* text = e.what(); // the fallback text
-        append(text, std::strlen(text));
-    }
     for (const vrk::exception_node* node = block != nullptr ? &block->node_ : nullptr;
          node != nullptr && used < cap; node = node->next()) {
         if (node != &block->node_)

@@ -187,34 +187,24 @@ struct reader {
         return v;
     }
     // Skips one pointer of the given encoding (DW_EH_PE_*); false for the
-    // forms a plain frame description does not use.
+    // forms a plain frame description does not use, and for the variable and
+    // 2-byte sizes, which toolchains do not emit for x86-64 (the frame then
+    // goes to the unwinder).
     bool skip_encoded(uint8_t enc) {
         if (enc == 0xff) // omitted
             return true;
         if ((enc & 0x70) == 0x50) // aligned
             return false;
         switch (enc & 0x0f) {
-        case 0x00:
-            skip(8);
-            break; // absptr
-        case 0x01:
-            uleb();
-            break; // uleb128
-        case 0x02:
-        case 0x0a:
-            skip(2);
-            break;
-        case 0x03:
-        case 0x0b:
+        case 0x03: // udata4
+        case 0x0b: // sdata4
             skip(4);
             break;
-        case 0x04:
-        case 0x0c:
+        case 0x00: // absptr
+        case 0x04: // udata8
+        case 0x0c: // sdata8
             skip(8);
             break;
-        case 0x09:
-            sleb();
-            break; // sleb128
         default:
             return false;
         }
