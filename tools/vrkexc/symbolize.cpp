@@ -47,7 +47,7 @@ struct frame_line {
     size_t prefix_; // characters before '#'
     unsigned index_;
     uint64_t address_;
-    const char* module_;
+    const char* p_module_;
     size_t module_len_;
     uint64_t offset_;
 };
@@ -99,8 +99,8 @@ bool parse(const char* line, const char* end, frame_line& f) {
         const char* after = read_hex(plus + 3, end, f.offset_);
         if (after == nullptr || after == end || *after != ')')
             continue;
-        f.module_ = open + 1;
-        f.module_len_ = static_cast<size_t>(plus - f.module_);
+        f.p_module_ = open + 1;
+        f.module_len_ = static_cast<size_t>(plus - f.p_module_);
         return true;
     }
     return false;
@@ -116,7 +116,7 @@ const char* const LIBRARY_DIRS[] = {"/lib/x86_64-linux-gnu",
                                     "/usr/lib"};
 
 struct loaded_search {
-    const char* name_;
+    const char* p_name_;
     size_t len_;
     vrk::string* p_found_;
 };
@@ -124,7 +124,7 @@ struct loaded_search {
 int find_loaded(dl_phdr_info* info, size_t, void* arg) {
     auto* s = static_cast<loaded_search*>(arg);
     if (info->dlpi_name == nullptr || info->dlpi_name[0] != '/' ||
-        !same_name(s->name_, s->len_, info->dlpi_name))
+        !same_name(s->p_name_, s->len_, info->dlpi_name))
         return 0;
     s->p_found_->assign(info->dlpi_name);
     return 1;
@@ -201,12 +201,12 @@ int cmd_symbolize(int argc, char** argv) {
                 eol = end;
             frame_line f{};
             if (parse(line, eol, f) && f.offset_ != 0 &&
-                find_module(f.module_, f.module_len_, binaries, nbinaries, module_path)) {
+                find_module(f.p_module_, f.module_len_, binaries, nbinaries, module_path)) {
                 vrk::host::frame_info info = names.resolve_in_file(module_path.c_str(), f.offset_);
-                if (info.function_ != nullptr || info.file_ != nullptr) {
+                if (info.p_function_ != nullptr || info.p_file_ != nullptr) {
                     // The module as the trace names it, not as the file found is named.
-                    vrk::string module(f.module_, f.module_len_, ma);
-                    info.module_ = module.c_str();
+                    vrk::string module(f.p_module_, f.module_len_, ma);
+                    info.p_module_ = module.c_str();
                     out().write(line, static_cast<vrk::streamsize>(f.prefix_));
                     vrk::host::write_frame(out(), f.index_, f.address_, info);
                     out().write(eol, next - eol);

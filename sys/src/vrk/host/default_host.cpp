@@ -235,8 +235,8 @@ void vrk_extern::import::print_stack_trace(vrk::ostream* os, void** frames, unsi
     for (unsigned i = 0; i < count; ++i) {
         const vrk::host::frame_info info = names.resolve(frames[i]);
         // Frame 0 holds the throw site, whatever code was inlined around it.
-        if (collapse && i != 0 && info.function_ != nullptr &&
-            vrk::host::is_runtime_machinery(info.function_)) {
+        if (collapse && i != 0 && info.p_function_ != nullptr &&
+            vrk::host::is_runtime_machinery(info.p_function_)) {
             ++left_out;
             continue;
         }

@@ -96,7 +96,7 @@ const char* elf_symbols::find(uint64_t addr, uint64_t* offset) const noexcept {
     if (!inside)
         return nullptr;
     *offset = addr - e->addr_;
-    return e->name_;
+    return e->p_name_;
 }
 
 elf_symbols* elf_symbols::open(const char* path, vrk::allocator& a) noexcept {

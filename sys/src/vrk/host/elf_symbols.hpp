@@ -42,7 +42,7 @@ private:
     struct entry {
         uint64_t addr_;
         uint64_t size_;
-        const char* name_;
+        const char* p_name_;
     };
     void index_(const unsigned char* image, size_t size) noexcept;
 

@@ -92,7 +92,7 @@ bool locate(uintptr_t ret, frame_info& info, Dl_info& dl, const char*& file) {
                 RTLD_DL_LINKMAP) == 0)
         return false;
     if (dl.dli_fname != nullptr && dl.dli_fname[0] != 0)
-        info.module_ = base_name(dl.dli_fname);
+        info.p_module_ = base_name(dl.dli_fname);
     info.module_offset_ = ret - (map != nullptr ? map->l_addr : 0);
     // The main program's entry has no name; its file is found through /proc.
     file = map != nullptr && map->l_name != nullptr && map->l_name[0] != 0 ? map->l_name
@@ -115,18 +115,18 @@ void write_frame(vrk::ostream& os, unsigned index, uint64_t address, const frame
     const int n = std::snprintf(head, sizeof head, "#%-2u 0x%016llx", index,
                                 static_cast<unsigned long long>(address));
     os.write(head, n);
-    if (info.function_ != nullptr) {
-        os << ' ' << info.function_;
+    if (info.p_function_ != nullptr) {
+        os << ' ' << info.p_function_;
         write_hex(os, "+", info.function_offset_);
     }
-    if (info.module_ != nullptr) {
-        os << " (" << info.module_;
+    if (info.p_module_ != nullptr) {
+        os << " (" << info.p_module_;
         if (info.module_offset_ != 0) // 0: unknown (no code lies at a module's start)
             write_hex(os, "+", info.module_offset_);
         os << ')';
     }
-    if (info.file_ != nullptr)
-        os << " at " << info.file_ << ':' << info.line_;
+    if (info.p_file_ != nullptr)
+        os << " at " << info.p_file_ << ':' << info.line_;
 }
 
 // A prefix counts at the start of the name or after the return type that
@@ -285,7 +285,7 @@ void source_line(Dwfl_Module* mod, Dwarf_Addr call, frame_info& info) {
             int lineno = 0;
             const char* file = dwarf_linesrc(line, nullptr, nullptr);
             if (file != nullptr && dwarf_lineno(line, &lineno) == 0) {
-                info.file_ = file;
+                info.p_file_ = file;
                 info.line_ = lineno;
             }
         }
@@ -341,28 +341,28 @@ frame_info frame_names::resolve(const void* pc) {
     // Function: the dynamic symbol, else the symbol table (local symbols
     // included), else the debug information.
     if (have_dl && dl.dli_sname != nullptr) {
-        info.function_ = demangle_(dl.dli_sname);
+        info.p_function_ = demangle_(dl.dli_sname);
         info.function_offset_ = ret - reinterpret_cast<uintptr_t>(dl.dli_saddr);
     } else if (mod != nullptr) {
         GElf_Off offset = 0;
         GElf_Sym sym;
         if (const char* name =
                 dwfl_module_addrinfo(mod, call, &offset, &sym, nullptr, nullptr, nullptr)) {
-            info.function_ = demangle_(name);
+            info.p_function_ = demangle_(name);
             info.function_offset_ = offset + 1;
         } else {
             Dwarf_Addr entry = 0;
             if (const char* fn = debug_info_function(mod, call, entry)) {
-                info.function_ = demangle_(fn);
+                info.p_function_ = demangle_(fn);
                 if (entry != 0 && entry <= call)
                     info.function_offset_ = ret - entry;
             }
         }
     }
-    if (info.module_ == nullptr && mod != nullptr)
+    if (info.p_module_ == nullptr && mod != nullptr)
         if (const char* name = dwfl_module_info(mod, nullptr, nullptr, nullptr, nullptr, nullptr,
                                                 nullptr, nullptr))
-            info.module_ = base_name(name);
+            info.p_module_ = base_name(name);
     if (mod != nullptr)
         source_line(mod, call, info);
     return info;
@@ -370,16 +370,16 @@ frame_info frame_names::resolve(const void* pc) {
 
 frame_info frame_names::resolve_in_file(const char* path, uint64_t module_offset) {
     frame_info info;
-    info.module_ = base_name(path);
+    info.p_module_ = base_name(path);
     info.module_offset_ = module_offset;
     const char* name = nullptr;
     if (name_from_file(path, module_offset, name, info.function_offset_))
-        info.function_ = demangle_(name);
+        info.p_function_ = demangle_(name);
     if (Dwfl_Module* mod = module_offset != 0 ? offline_module(path) : nullptr) {
-        if (info.function_ == nullptr) {
+        if (info.p_function_ == nullptr) {
             Dwarf_Addr entry = 0;
             if (const char* fn = debug_info_function(mod, module_offset - 1, entry)) {
-                info.function_ = demangle_(fn);
+                info.p_function_ = demangle_(fn);
                 info.function_offset_ =
                     entry != 0 && entry < module_offset ? module_offset - entry : 0;
             }
@@ -405,9 +405,9 @@ frame_info frame_names::resolve(const void* pc) {
         return info;
     const char* name = nullptr;
     if (name_from_file(file, info.module_offset_, name, info.function_offset_)) {
-        info.function_ = demangle_(name);
+        info.p_function_ = demangle_(name);
     } else if (dl.dli_sname != nullptr) {
-        info.function_ = demangle_(dl.dli_sname);
+        info.p_function_ = demangle_(dl.dli_sname);
         info.function_offset_ = ret - reinterpret_cast<uintptr_t>(dl.dli_saddr);
     }
     return info;
@@ -415,11 +415,11 @@ frame_info frame_names::resolve(const void* pc) {
 
 frame_info frame_names::resolve_in_file(const char* path, uint64_t module_offset) {
     frame_info info;
-    info.module_ = base_name(path);
+    info.p_module_ = base_name(path);
     info.module_offset_ = module_offset;
     const char* name = nullptr;
     if (name_from_file(path, module_offset, name, info.function_offset_))
-        info.function_ = demangle_(name);
+        info.p_function_ = demangle_(name);
     return info;
 }
 

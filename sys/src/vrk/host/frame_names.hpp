@@ -20,11 +20,11 @@ namespace vrk::host {
 // What is known of one frame; every text may be null. The texts stay valid
 // until the next resolve on the same frame_names, or its end.
 struct frame_info {
-    const char* function_ = nullptr; // demangled where it is a C++ name
-    uint64_t function_offset_ = 0;   // of the address from the function's start
-    const char* module_ = nullptr;   // the module's file name, without directories
-    uint64_t module_offset_ = 0;     // the address as the module is linked; 0 unknown
-    const char* file_ = nullptr;
+    const char* p_function_ = nullptr; // demangled where it is a C++ name
+    uint64_t function_offset_ = 0;     // of the address from the function's start
+    const char* p_module_ = nullptr;   // the module's file name, without directories
+    uint64_t module_offset_ = 0;       // the address as the module is linked; 0 unknown
+    const char* p_file_ = nullptr;
     int line_ = 0;
 };
 
