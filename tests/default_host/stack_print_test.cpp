@@ -15,6 +15,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -186,7 +187,7 @@ TEST(DefaultHostStackPrint, SymbolTableOfTheProgramFile) {
     }
 
     std::ifstream file("/proc/self/exe", std::ios::binary);
-    const std::vector<unsigned char> image{std::istreambuf_iterator<char>(file), {}};
+    std::vector<unsigned char> image{std::istreambuf_iterator<char>(file), {}};
     Elf64_Ehdr eh;
     ASSERT_GT(image.size(), sizeof eh);
     std::memcpy(&eh, image.data(), sizeof eh);
@@ -194,13 +195,16 @@ TEST(DefaultHostStackPrint, SymbolTableOfTheProgramFile) {
     ASSERT_LT(tables, image.size());
     std::mt19937 random(7);
     for (int i = 0; i < 300; ++i) {
-        std::vector<unsigned char> damaged = image;
-        for (int j = 0; j < 4; ++j) {
-            // The header and the section table: where every offset and size is.
-            const size_t at = random() % 2 != 0 ? random() % sizeof eh
-                                                : tables + random() % (image.size() - tables);
-            damaged[at] = static_cast<unsigned char>(random());
+        // Four bytes of the header and the section table, where every offset
+        // and size is, damaged and put back after each round.
+        std::pair<size_t, unsigned char> kept[4];
+        for (auto& [at, byte] : kept) {
+            at = random() % 2 != 0 ? random() % sizeof eh
+                                   : tables + random() % (image.size() - tables);
+            byte = image[at];
+            image[at] = static_cast<unsigned char>(random());
         }
+        const std::vector<unsigned char>& damaged = image;
         failing_heap heap;
         {
             vrk::host::elf_symbols symbols(damaged.data(), damaged.size(), heap);
@@ -213,6 +217,8 @@ TEST(DefaultHostStackPrint, SymbolTableOfTheProgramFile) {
             }
         }
         EXPECT_EQ(heap.live_, 0);
+        for (int j = 3; j >= 0; --j)
+            image[kept[j].first] = kept[j].second;
     }
 }
 
