@@ -29,8 +29,10 @@ for kind in "${kinds[@]}"; do
     "$work/$kind/pkgconfig_consumer"
   if [ "$kind" = shared ]; then
     # Really the shared libraries: the programs need them, and hold no copy.
-    ldd "$work/$kind/consumer_default_host" | grep -q libvrk_default_host.so
-    ! nm -C "$work/$kind/consumer_own_host" | grep -q ' T vrk::exception::exception'
+    needed=$(ldd "$work/$kind/consumer_default_host")
+    [[ $needed == *libvrk_default_host.so* && $needed == *libvrk_core.so* ]]
+    own=$(nm -C "$work/$kind/consumer_own_host")
+    [[ $own != *" T vrk::exception::exception("* ]]
   fi
   echo "consumer ($kind): passed"
 done
