@@ -1,20 +1,38 @@
 #!/usr/bin/env bash
 # Installs the built package into a scratch prefix and builds and runs the
-# example consumer against it, out of tree, as a product would.
+# example consumer against it, out of tree, as a product would: once with
+# the archives and, when the build made them, once with the shared libraries.
 # usage: consumer_test.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
 build=$1 src=$2
 work=$build/consumer-test
 rm -rf "$work"
-cmake --install "$build" --prefix "$work/prefix" > "$work.install.log" 2>&1 || { cat "$work.install.log"; exit 1; }
-cmake -S "$src/examples/consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
-      -DCMAKE_CXX_COMPILER="${CXX:-g++}" > "$work.configure.log" 2>&1 || { cat "$work.configure.log"; exit 1; }
-cmake --build "$work/build" > "$work.build.log" 2>&1 || { cat "$work.build.log"; exit 1; }
-"$work/build/consumer_own_host"
-"$work/build/consumer_default_host"
-
-# The same consumer built with nothing but pkg-config's flags.
+mkdir -p "$work"
+cmake --install "$build" --prefix "$work/prefix" > "$work/install.log" 2>&1 || { cat "$work/install.log"; exit 1; }
+kinds=(static)
+[ -n "$(find "$work/prefix" -name 'libvrk_core.so')" ] && kinds+=(shared)
 pcdir=$(dirname "$(find "$work/prefix" -name vrk.pc | head -n 1)")
-flags=$(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs vrk)
-"${CXX:-g++}" "$src/examples/consumer/main.cpp" -o "$work/pkgconfig_consumer" $flags
-"$work/pkgconfig_consumer"
+for kind in "${kinds[@]}"; do
+  shared=OFF pc=vrk
+  [ "$kind" = shared ] && shared=ON pc=vrk-shared
+  cmake -S "$src/examples/consumer" -B "$work/$kind" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
+        -DVRK_CONSUMER_SHARED=$shared -DCMAKE_CXX_COMPILER="${CXX:-g++}" \
+        > "$work/$kind.configure.log" 2>&1 || { cat "$work/$kind.configure.log"; exit 1; }
+  cmake --build "$work/$kind" > "$work/$kind.build.log" 2>&1 || { cat "$work/$kind.build.log"; exit 1; }
+  "$work/$kind/consumer_own_host"
+  "$work/$kind/consumer_default_host"
+
+  # The same consumer built with nothing but pkg-config's flags.
+  flags=$(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs $pc)
+  "${CXX:-g++}" "$src/examples/consumer/main.cpp" -o "$work/$kind/pkgconfig_consumer" $flags
+  LD_LIBRARY_PATH="$(dirname "$(find "$work/prefix" -name vrk.pc | head -n 1)")/.." \
+    "$work/$kind/pkgconfig_consumer"
+  if [ "$kind" = shared ]; then
+    # Really the shared libraries: the programs need them, and hold no copy.
+    needed=$(ldd "$work/$kind/consumer_default_host")
+    [[ $needed == *libvrk_default_host.so* && $needed == *libvrk_core.so* ]]
+    own=$(nm -C "$work/$kind/consumer_own_host")
+    [[ $own != *" T vrk::exception::exception("* ]]
+  fi
+  echo "consumer ($kind): passed"
+done

@@ -9,7 +9,7 @@ const error_category& vrk_category() noexcept {
 }
 
 #define VRK_DEFINE_ERROR(NAME, NUMBER, TEXT)                                                       \
-    const error_code& vrk__##NAME() noexcept {                                                     \
+    const error_code& registry_##NAME() noexcept {                                                 \
         static const error_code code{NUMBER, TEXT, &vrk_category()};                               \
         return code;                                                                               \
     }

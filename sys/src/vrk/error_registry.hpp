@@ -35,8 +35,8 @@ struct error_code_entry {
 };
 
 #define VRK_DECLARE_ERROR(NAME)                                                                    \
-    const ::vrk::error_code& vrk__##NAME() noexcept;                                               \
-    inline constexpr ::vrk::error_code_entry NAME { &vrk__##NAME }
+    const ::vrk::error_code& registry_##NAME() noexcept;                                           \
+    inline constexpr ::vrk::error_code_entry NAME { &registry_##NAME }
 
 // The base library's errors. Numbers are stable: they travel in serialized
 // exceptions.

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "vrk/exception.hpp"
+#include "vrk/base/impl/exception_class.hpp"
 #include "vrk/throw_helpers.hpp"
 
 namespace vrk {

@@ -11,13 +11,13 @@
 //
 //   VRK_THROW(vrk::runtime_error, ERR_DISK_FULL)
 //       << vrk::msgarg_int("SEGMENT", 17) << vrk::error_message(...);
-//
-// Included at the end of vrk/exception.hpp; not meant to be included alone.
 #pragma once
 
 #include <cstddef>
 #include <new>
 #include <typeinfo>
+
+#include "vrk/base/impl/exception_class.hpp"
 
 namespace vrk::impl {
 
@@ -45,7 +45,7 @@ template <class Thrown> void destroy_thrown_(void* p) noexcept {
 // The exception under construction at a throw site, for the library's own
 // classes. It lives in raw storage, so that no object with a destructor
 // stays in the frames the throw unwinds: each such frame stops the unwinder
-// for a cleanup and a resume, which costs a third of a throw. The throw does
+// for a cleanup and a resume, a large share of a throw's cost. The throw does
 // what do_throw does, registering the exception and throwing a copy of it,
 // but builds the copy in the runtime's space itself and destroys the
 // original before the throw instead of during the unwind.

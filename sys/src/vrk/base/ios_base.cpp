@@ -54,15 +54,9 @@ void*& ios_base::pword(int index) noexcept {
     return word_zero_.pword_;
 }
 
-void ios_failure::do_throw() {
-    prepare_throw_();
-    throw *this;
-}
+void ios_failure::do_throw() { throw_as_<ios_failure>(); }
 
-void null_facet_error::do_throw() {
-    prepare_throw_();
-    throw *this;
-}
+void null_facet_error::do_throw() { throw_as_<null_facet_error>(); }
 
 void ios_base::throwIOSFailure(const char* file, int line, const char* text) {
     ios_failure e(file, line, text, __builtin_return_address(0));

@@ -5,7 +5,7 @@
 // detecting check and a fixed text, and throw themselves with their own type.
 #pragma once
 
-#include "vrk/exception.hpp"
+#include "vrk/base/impl/exception_class.hpp"
 
 namespace vrk {
 

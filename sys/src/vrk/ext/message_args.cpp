@@ -4,7 +4,6 @@
 
 #include <cstdint>
 
-#include "vrk/base/impl/bad_alloc_text.hpp"
 #include "vrk/ext/buffer_stream.hpp"
 #include "vrk/ext/dtoa.hpp"
 #include "vrk/ext/itoa.hpp"
@@ -71,7 +70,7 @@ void defineStringParam(exception& exp, const message_arg_base<const char*>& marg
         exp.define_argument(marg.name_, value, marg.force_);
         return;
     }
-    const char* digits = impl::vrkExpHexCode();
+    const char* digits = impl::hexCharTable(true);
     char dump[DUMP_BUF];
     char* out = dump;
     for (size_t i = 0; i < DUMP_MAX_BYTES && value[i] != '\0'; ++i) {

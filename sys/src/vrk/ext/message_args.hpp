@@ -21,7 +21,7 @@
 // name; a `message_argument` (`msgarg_*`) loses to an earlier one.
 #pragma once
 
-#include "vrk/exception.hpp"
+#include "vrk/base/impl/exception_class.hpp"
 
 namespace vrk {
 

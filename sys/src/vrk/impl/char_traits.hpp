@@ -1,3 +1,4 @@
+// Internal header, reached through vrk/streambuf.hpp; include that instead.
 // vrk/impl/char_traits.hpp: character operations of the vrk streams for char.
 //
 // Characters travel between streams and stream buffers as int: a character as

@@ -1,3 +1,4 @@
+// Internal header, reached through vrk/streambuf.hpp; include that instead.
 // vrk/impl/ios_flags.hpp: the format, state, open-mode and seek enumerations
 // of the vrk streams, with their fixed 32-bit values.
 //

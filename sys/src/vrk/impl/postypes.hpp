@@ -1,3 +1,4 @@
+// Internal header, reached through vrk/streambuf.hpp; include that instead.
 // vrk/impl/postypes.hpp: sizes, offsets and positions of the vrk streams.
 //
 // Plain values; nothing here allocates or throws. A position whose offset is

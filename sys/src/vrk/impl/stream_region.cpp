@@ -5,7 +5,7 @@
 
 #include <exception>
 
-#include "vrk/exception.hpp"
+#include "vrk/base/impl/exception_class.hpp"
 
 namespace vrk::impl {
 

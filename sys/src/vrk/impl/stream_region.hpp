@@ -1,3 +1,4 @@
+// Internal header of the stream implementation; not installed.
 // vrk/impl/stream_region.hpp: the guarded region around the calls a stream
 // makes into its buffer and facets, for the stream implementation only.
 //

@@ -1,3 +1,4 @@
+// Internal header of the exception printing; not installed.
 // vrk/base/impl/bad_alloc_text.hpp: the texts an exception is reported with
 // when memory ran out, and the upper-case hexadecimal digit table.
 //

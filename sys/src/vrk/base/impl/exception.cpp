@@ -184,8 +184,8 @@ void exception::prepare_throw_() noexcept {
 }
 
 void exception::do_throw() {
-    prepare_throw_();
-    throw *this;
+    // Every do_throw of the library's classes is this one body.
+    throw_as_<exception>();
 }
 
 void* impl::allocate_thrown_(size_t size) noexcept { return abi::__cxa_allocate_exception(size); }
@@ -326,21 +326,9 @@ VRK_DEFINE_DERIVED_EXCEPTION(overflow_error, ERR_VRK_OVERFLOW)
 VRK_DEFINE_DERIVED_EXCEPTION(underflow_error, ERR_VRK_UNDERFLOW)
 VRK_DEFINE_DERIVED_EXCEPTION(rvalue_error, ERR_VRK_RVALUE)
 
-void runtime_error::do_throw() {
-    prepare_throw_();
-    throw *this;
-}
-void overflow_error::do_throw() {
-    prepare_throw_();
-    throw *this;
-}
-void underflow_error::do_throw() {
-    prepare_throw_();
-    throw *this;
-}
-void rvalue_error::do_throw() {
-    prepare_throw_();
-    throw *this;
-}
+void runtime_error::do_throw() { throw_as_<runtime_error>(); }
+void overflow_error::do_throw() { throw_as_<overflow_error>(); }
+void underflow_error::do_throw() { throw_as_<underflow_error>(); }
+void rvalue_error::do_throw() { throw_as_<rvalue_error>(); }
 
 } // namespace vrk

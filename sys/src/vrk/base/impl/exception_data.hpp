@@ -1,3 +1,4 @@
+// Internal header, reached through vrk/exception.hpp; include that instead.
 // vrk/base/impl/exception_data.hpp: the shared data block of an exception
 // and its message nodes.
 //

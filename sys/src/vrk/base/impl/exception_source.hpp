@@ -1,3 +1,4 @@
+// Internal header of the exception core; not installed.
 // vrk/base/impl/exception_source.hpp: the source location the exception core
 // reports in aborts and in the errors it raises itself.
 #pragma once

@@ -1,0 +1,91 @@
+// A program and two plugins on the shared libraries: an exception class one
+// plugin registers and throws, the other serializes, comes back from bytes
+// in the program as that class, and is copied from several threads. With a
+// copy of the library in each object, the type would be unknown here and
+// the copies would count under different lock tables.
+#include <dlfcn.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "vrk/exception.hpp"
+#include "vrk/ext/heap_allocator.hpp"
+#include "vrk/sstream.hpp"
+
+namespace {
+
+int failures = 0;
+void check(bool ok, const char* what) {
+    if (!ok) {
+        std::printf("FAILED: %s\n", what);
+        ++failures;
+    }
+}
+
+template <class F> F symbol(void* lib, const char* name) {
+    void* p = lib != nullptr ? dlsym(lib, name) : nullptr;
+    if (p == nullptr) {
+        std::printf("missing %s: %s\n", name, dlerror());
+        std::exit(2);
+    }
+    return reinterpret_cast<F>(p);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3)
+        return 2;
+    void* thrower = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+    void* writer = dlopen(argv[2], RTLD_NOW | RTLD_LOCAL);
+    auto throw_it = symbol<void (*)()>(thrower, "vrk_plugin_throw");
+    auto is_its_class = symbol<bool (*)(const vrk::exception&)>(thrower, "vrk_plugin_is_its_class");
+    auto serialize =
+        symbol<void (*)(const vrk::exception&, vrk::ostream&)>(writer, "vrk_plugin_serialize");
+    auto lock_table = symbol<const void* (*)()>(writer, "vrk_plugin_lock_table");
+    check(lock_table() == vrk::impl::getHashLocks(), "one lock table in the process");
+
+    vrk::heap_allocator heap;
+    try {
+        throw_it();
+    } catch (const vrk::exception& e) {
+        e.unregister_on_thread(); // its copies go to other threads
+        check(is_its_class(e), "caught as the plugin's class");
+        vrk::osstream bytes(heap);
+        serialize(e, bytes);
+        const vrk::string sent = bytes.str();
+        vrk::isstream in(sent.data(), sent.size(), heap);
+        auto back = vrk::exception::deserialize(in, heap);
+        check(is_its_class(*back), "deserialized as the plugin's class");
+        vrk::osstream again(heap);
+        serialize(*back, again);
+        const vrk::string resent = again.str();
+        check(resent.size() == sent.size() &&
+                  std::memcmp(resent.data(), sent.data(), sent.size()) == 0,
+              "the same bytes after a round trip");
+
+        std::atomic<int> wrong{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&] {
+                for (int i = 0; i < 2000; ++i) {
+                    vrk::exception a = *back;
+                    vrk::exception b = e;
+                    if (a.error_no() != 7300 || !(b == e))
+                        ++wrong;
+                }
+            });
+        for (std::thread& t : threads)
+            t.join();
+        check(wrong == 0, "every copy shares its block and class");
+        e.mark_processed(); // each copy made it unseen again
+        back->mark_processed();
+    }
+    std::printf("%s\n",
+                failures == 0 ? "shared build: one library per process" : "shared build FAILED");
+    return failures == 0 ? 0 : 1;
+}
