@@ -187,6 +187,33 @@ TEST_F(ExceptionPrint, LongLinesAreWrittenWhole) {
     EXPECT_TRUE(static_cast<const vrk::ostream&>(cut).bad());
 }
 
+// Arguments the text does not mention stay on the message's line in both
+// forms: a nested exception as its first message and a count, separators
+// and line ends inside values escaped, no blank before the list of an empty
+// text. Through the gathered lines and, with a node that lost memory,
+// through the piecewise path.
+TEST_F(ExceptionPrint, UnmentionedArgumentsStayOnTheMessagesLine) {
+    exception inner("in.src", 7, vrk::error_code{55, "disk $D$ failed", nullptr}, NO_STACK);
+    inner << vrk::msgarg_text("D", "sda") << vrk::msgarg_text("X", "a,b]");
+    inner.append_message("in.src", 8, 56, "retry");
+    inner << exception("io.src", 9, vrk::error_code{57, "gone", nullptr}, NO_STACK);
+    for (const int code : {0, exception_node::PARAM_FAILED}) {
+        exception e("a.src", 1, vrk::error_code{5, "", nullptr}, NO_STACK);
+        e << vrk::msgarg_exc("CAUSE", inner) << vrk::msgarg_text("T", "x, y]\\\rz\r\n");
+        e.append_message("a.src", 2, 6, "ok $V$");
+        e << vrk::msgarg_text("V", "1\n2") << vrk::msgarg_text("W", "two\nlines\n");
+        set_code(e, code);
+        const std::string first =
+            "[CAUSE=exception 55: disk sda failed [X=a\\\\\\,b\\\\\\]\\] (+2 more), T=x\\, "
+            "y\\]\\\\\\rz]" +
+            std::string(code == 0 ? "" : "; \"Bad allocation in exception parameter\" (code:1)");
+        const std::string second = "ok 1\n2 [W=two\\nlines]\n";
+        EXPECT_EQ(short_form(e), "exception 5: " + first + "\nexception 6: " + second);
+        EXPECT_EQ(long_form(e, true, true), "exception  1: no.5  (a.src:1)\n    " + first +
+                                                "\nexception  1: no.6  (a.src:2)\n    " + second);
+    }
+}
+
 TEST_F(ExceptionPrint, PrintHookReplacesOnlyPrint) {
     exception e = two_nodes();
     e.set_print_function([](const exception&, vrk::ostream& os) { os << "custom"; });

@@ -69,6 +69,15 @@ TEST_F(MessageList, ExpansionRules) {
         {"$A$", {{"A", "1", false}, {"B", "2", false}}, "1 [B=2]"},
         {"m", {{"B", "1", false}, {"C", "3", false}, {"B", "2", true}}, "m [B=2, C=3]"},
         {"$X$ left", {{"Y", "", false}}, "$X$ left [Y=]"},
+        // The list stays on the line: no blank after an empty text, escapes,
+        // a printed exception as its first message; a near miss escaped.
+        {"$E$", {{"E", "", false}, {"X", "a\\b", false}}, "[X=a\\\\b]"},
+        {"m",
+         {{"X", "exception  1: no.-5  (f:1)\n    one, two\n", false}},
+         "m [X=exception -5: one\\, two]"},
+        {"m",
+         {{"X", "exception  1: no.5  f:1)\n    one", false}},
+         "m [X=exception  1: no.5  f:1)\\n    one]"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);

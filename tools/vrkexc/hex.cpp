@@ -1,9 +1,10 @@
-// Hexadecimal text of serialized exceptions, as logs carry it.
+// Hexadecimal text of serialized exceptions, as logs and dumps carry it.
 #include "tool.hpp"
 
 namespace vrkexc {
 
 namespace {
+
 int digit_value(unsigned char c) noexcept {
     if (c >= '0' && c <= '9')
         return c - '0';
@@ -14,8 +15,103 @@ int digit_value(unsigned char c) noexcept {
     return -1;
 }
 bool is_blank(unsigned char c) noexcept {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+    return c == ' ' || c == '\t' || c == '\r' || c == '\f' || c == '\v';
 }
+bool has_0x(const char* p, size_t n) noexcept {
+    return n > 2 && p[0] == '0' && (p[1] == 'x' || p[1] == 'X');
+}
+bool is_separator(char c) noexcept { return is_blank(static_cast<unsigned char>(c)) || c == ','; }
+
+// The hexadecimal part of an `xxd` line, "00000010: face 0000 ...  text":
+// after the offset and its colon, up to the two blanks that open the text
+// column. False for any other line.
+bool xxd_columns(const char* line, size_t len, size_t* begin, size_t* end) noexcept {
+    size_t i = 0;
+    while (i < len && is_blank(static_cast<unsigned char>(line[i])))
+        ++i;
+    const size_t offset = i;
+    while (i < len && digit_value(static_cast<unsigned char>(line[i])) >= 0)
+        ++i;
+    if (i - offset < 4 || i + 2 >= len || line[i] != ':' || line[i + 1] != ' ')
+        return false;
+    *begin = i + 2;
+    size_t j = *begin;
+    while (j < len && !(line[j] == ' ' && j + 1 < len && line[j + 1] == ' '))
+        ++j;
+    *end = j;
+    return true;
+}
+
+// Calls `each(begin, end)` for every word of [from, to) of `line`, words
+// being separated by blanks and commas.
+template <class Each> void for_words(const char* line, size_t from, size_t to, Each each) {
+    for (size_t i = from;;) {
+        while (i < to && is_separator(line[i]))
+            ++i;
+        if (i >= to)
+            return;
+        const size_t begin = i;
+        while (i < to && !is_separator(line[i]))
+            ++i;
+        each(begin, i);
+    }
+}
+
+// Appends the bytes of one hex word; false when its digits do not make
+// whole bytes (one digit after 0x is one byte: "0xA" is 0A).
+bool add_word(const char* p, size_t n, vrk::string& bytes) {
+    const bool prefixed = has_0x(p, n);
+    if (prefixed) {
+        p += 2;
+        n -= 2;
+    }
+    if (n % 2 != 0 && !(prefixed && n == 1))
+        return false;
+    if (n == 1)
+        bytes.push_back(static_cast<char>(digit_value(static_cast<unsigned char>(p[0]))));
+    for (size_t i = 0; i + 1 < n; i += 2)
+        bytes.push_back(static_cast<char>(digit_value(static_cast<unsigned char>(p[i])) << 4 |
+                                          digit_value(static_cast<unsigned char>(p[i + 1]))));
+    return true;
+}
+
+bool is_hex_word(const char* p, size_t n) noexcept {
+    if (has_0x(p, n)) {
+        p += 2;
+        n -= 2;
+    }
+    for (size_t i = 0; i < n; ++i)
+        if (digit_value(static_cast<unsigned char>(p[i])) < 0)
+            return false;
+    return n != 0;
+}
+
+// Reads the hex of one line (see tool.hpp); false with `*column` (from 1) at
+// a word that does not make whole bytes.
+bool read_line(const char* line, size_t len, vrk::string& bytes, size_t* column) {
+    size_t from = 0, to = len;
+    if (!xxd_columns(line, len, &from, &to)) {
+        // The run of hex words that ends the line; what precedes it is a
+        // prefix (time, level, source) and is skipped.
+        size_t run = to;
+        for_words(line, from, to, [&](size_t b, size_t e) {
+            if (!is_hex_word(line + b, e - b))
+                run = to;
+            else if (run == to)
+                run = b;
+        });
+        from = run;
+    }
+    bool ok = true;
+    for_words(line, from, to, [&](size_t b, size_t e) {
+        if (ok && !(is_hex_word(line + b, e - b) && add_word(line + b, e - b, bytes))) {
+            *column = b + 1;
+            ok = false;
+        }
+    });
+    return ok;
+}
+
 } // namespace
 
 void write_hex(vrk::ostream& os, const char* p, size_t n) {
@@ -35,38 +131,31 @@ void write_hex(vrk::ostream& os, const char* p, size_t n) {
     }
 }
 
-bool looks_like_hex(const vrk::string& text) noexcept {
-    for (size_t i = 0; i < text.size(); ++i) {
-        const auto c = static_cast<unsigned char>(text.data()[i]);
-        if (!is_blank(c))
-            return digit_value(c) >= 0;
-    }
+bool is_raw_input(const vrk::string& input) noexcept {
+    const char* p = input.data();
+    if (input.empty())
+        return false;
+    if (static_cast<unsigned char>(p[0]) >= 0xF8)
+        return true;
+    for (size_t i = 0; i < input.size(); ++i)
+        if (p[i] == '\0')
+            return true;
     return false;
 }
 
-bool decode_hex(const vrk::string& text, vrk::string& bytes, size_t* bad_at) {
-    int high = -1;
-    size_t high_at = 0;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const auto c = static_cast<unsigned char>(text.data()[i]);
-        if (is_blank(c))
-            continue;
-        const int v = digit_value(c);
-        if (v < 0) {
-            *bad_at = i;
+bool read_hex_text(const vrk::string& text, vrk::string& bytes, text_position* fault) {
+    const char* p = text.data();
+    size_t line_no = 1;
+    for (size_t start = 0; start < text.size(); ++line_no) {
+        size_t end = start;
+        while (end < text.size() && p[end] != '\n')
+            ++end;
+        size_t column = 0;
+        if (!read_line(p + start, end - start, bytes, &column)) {
+            *fault = text_position{line_no, column};
             return false;
         }
-        if (high < 0) {
-            high = v;
-            high_at = i;
-        } else {
-            bytes.push_back(static_cast<char>(high << 4 | v));
-            high = -1;
-        }
-    }
-    if (high >= 0) {
-        *bad_at = high_at;
-        return false;
+        start = end + 1;
     }
     return true;
 }

@@ -10,7 +10,6 @@
 #include "fd_streambuf.hpp"
 #include "tool.hpp"
 #include "vrk/ext/heap_allocator.hpp"
-#include "vrk/istream.hpp"
 
 namespace vrkexc {
 
@@ -18,19 +17,21 @@ namespace {
 
 using vrk::heap_allocator;
 
-const char* const USAGE = "usage: vrkexc COMMAND [OPTIONS]\n"
-                          "\n"
-                          "Commands:\n"
-                          "  decode [--short] [--no-stack] [FILE|-]\n"
-                          "      Print serialized exceptions (raw bytes or hexadecimal text).\n"
-                          "  encode [--hex] [--no-stack] [-o FILE] MESSAGE-OPTIONS...\n"
-                          "      Build an exception from the command line and write its bytes.\n"
-                          "  symbolize [-e BINARY]... [FILE|-]\n"
-                          "      Name the frames of a printed trace from their module offsets.\n"
-                          "  demo\n"
-                          "      Throw, print, serialize and decode a chained exception.\n"
-                          "\n"
-                          "'vrkexc COMMAND --help' describes a command.\n";
+const char* const USAGE =
+    "usage: vrkexc COMMAND [OPTIONS]\n"
+    "\n"
+    "Commands:\n"
+    "  decode [--short] [--no-stack] [--json] [FILE|-]...\n"
+    "      Print serialized exceptions (raw bytes, hex dumps, log lines).\n"
+    "  encode [--hex] [--no-stack] [-o FILE] MESSAGE-OPTIONS...\n"
+    "      Build an exception from the command line and write its bytes.\n"
+    "  symbolize [-e BINARY]... [FILE|-]\n"
+    "      Name the frames of a printed trace from their module offsets.\n"
+    "  demo\n"
+    "      Throw, print, serialize and decode a chained exception.\n"
+    "\n"
+    "'vrkexc COMMAND --help' describes a command; 'vrkexc --version' names\n"
+    "the version.\n";
 
 } // namespace
 
@@ -53,25 +54,31 @@ vrk::ostream& err() {
 
 bool read_input(const char* path, vrk::string& data) {
     const bool stdin_input = path == nullptr || std::strcmp(path, "-") == 0;
+    const char* name = stdin_input ? "standard input" : path;
     const int fd = stdin_input ? 0 : ::open(path, O_RDONLY);
     if (fd < 0) {
         out().flush();
-        err() << "vrkexc: cannot open " << path << ": " << std::strerror(errno) << "\n";
+        err() << "vrkexc: cannot open " << name << ": " << std::strerror(errno) << "\n";
         err().flush();
         return false;
     }
-    fd_streambuf buf(fd);
-    vrk::istream in(&buf);
     char chunk[4096];
-    for (;;) {
-        in.read(chunk, sizeof chunk);
-        if (in.gcount() <= 0)
+    ssize_t got = 0;
+    while ((got = ::read(fd, chunk, sizeof chunk)) != 0) {
+        if (got > 0) {
+            data.append(chunk, static_cast<size_t>(got));
+        } else if (errno != EINTR) {
+            // A directory opens but does not read: say so, not "empty".
+            const int error = errno;
+            out().flush();
+            err() << "vrkexc: cannot read " << name << ": " << std::strerror(error) << "\n";
+            err().flush();
             break;
-        data.append(chunk, static_cast<size_t>(in.gcount()));
+        }
     }
     if (!stdin_input)
         ::close(fd);
-    return true;
+    return got == 0;
 }
 
 } // namespace vrkexc
@@ -84,6 +91,9 @@ int main(int argc, char** argv) {
     } else if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0 ||
                std::strcmp(argv[1], "help") == 0) {
         out() << USAGE;
+        status = 0;
+    } else if (std::strcmp(argv[1], "--version") == 0) {
+        out() << "vrkexc " << VERSION << "\n";
         status = 0;
     } else if (std::strcmp(argv[1], "decode") == 0) {
         status = cmd_decode(argc - 1, argv + 1);

@@ -88,6 +88,40 @@ bool first_of_name_(const msg_parameter* first, const msg_parameter* p) noexcept
     return true;
 }
 
+// One line of `text` from `pos`: its length, line end not counted; `*next`
+// is where the following line starts.
+size_t line_at_(const char* text, size_t len, size_t pos, size_t* next) noexcept {
+    const void* lf = std::memchr(text + pos, '\n', len - pos);
+    const size_t end =
+        lf != nullptr ? static_cast<size_t>(static_cast<const char*>(lf) - text) : len;
+    *next = lf != nullptr ? end + 1 : len;
+    return end - pos;
+}
+
+// A heading line of the long printed form, "exception  1: no.42  (f:7)":
+// on success `*no` and `*no_len` give the error number's digits.
+bool heading_(const char* line, size_t len, const char** no, size_t* no_len) noexcept {
+    constexpr size_t WORD = 9; // "exception"
+    if (len < WORD + 9 || std::memcmp(line, "exception", WORD) != 0 || line[len - 1] != ')')
+        return false;
+    size_t i = WORD;
+    while (i < len && line[i] != ':')
+        ++i;
+    if (len - i < 5 || std::memcmp(line + i, ": no.", 5) != 0)
+        return false;
+    const size_t start = i + 5;
+    size_t end = start;
+    if (end < len && line[end] == '-')
+        ++end;
+    while (end < len && line[end] >= '0' && line[end] <= '9')
+        ++end;
+    if (end == start || len - end < 3 || std::memcmp(line + end, "  (", 3) != 0)
+        return false;
+    *no = line + start;
+    *no_len = end - start;
+    return true;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -101,11 +135,69 @@ bool msg_parameter::out_ifc::remainder(const char* name, uint32_t name_len, cons
         remainder_open_ = false;
         return write("]", 1);
     }
-    bool ok = write(remainder_open_ ? ", " : " [", 2);
+    const bool lead = !remainder_open_ && text_empty_;
+    bool ok = lead ? write("[", 1) : write(remainder_open_ ? ", " : " [", 2);
     remainder_open_ = true;
     ok = write(name, name_len) && ok;
     ok = write("=", 1) && ok;
-    return write(value, val_len) && ok;
+    return write_value_(value, val_len) && ok;
+}
+
+bool msg_parameter::out_ifc::write_value_(const char* value, size_t len) {
+    while (len > 0 && (value[len - 1] == '\n' || value[len - 1] == '\r'))
+        --len;
+    size_t pos = 0;
+    const size_t first = line_at_(value, len, 0, &pos);
+    const char* no = nullptr;
+    size_t no_len = 0;
+    size_t next = 0;
+    const size_t text_len = pos < len ? line_at_(value, len, pos, &next) : 0;
+    if (!heading_(value, first, &no, &no_len) || text_len < 4 ||
+        std::memcmp(value + pos, "    ", 4) != 0)
+        return write_escaped_(value, len);
+
+    // A printed exception: its first message, and how many follow it.
+    unsigned long more = 0;
+    for (size_t at = next; at < len;) {
+        const size_t start = at;
+        const size_t n = line_at_(value, len, start, &at);
+        const char* ignored_no = nullptr;
+        size_t ignored_len = 0;
+        more += heading_(value + start, n, &ignored_no, &ignored_len) ? 1 : 0;
+    }
+    bool ok = write("exception ", 10);
+    ok = write(no, no_len) && ok;
+    ok = write(": ", 2) && ok;
+    ok = write_escaped_(value + pos + 4, text_len - 4) && ok;
+    if (more == 0)
+        return ok;
+    char digits[24];
+    size_t n = sizeof digits;
+    do
+        digits[--n] = static_cast<char>('0' + more % 10);
+    while ((more /= 10) != 0);
+    ok = write(" (+", 3) && ok;
+    ok = write(digits + n, sizeof digits - n) && ok;
+    return write(" more)", 6) && ok;
+}
+
+bool msg_parameter::out_ifc::write_escaped_(const char* text, size_t len) {
+    bool ok = true;
+    size_t run = 0; // start of the characters not yet written
+    for (size_t i = 0; i < len; ++i) {
+        const char c = text[i];
+        const char esc = c == '\n' ? 'n' : c == '\r' ? 'r' : c;
+        if (c != '\\' && c != ']' && c != ',' && esc == c)
+            continue;
+        if (i > run)
+            ok = write(text + run, i - run) && ok;
+        const char pair[2] = {'\\', esc};
+        ok = write(pair, 2) && ok;
+        run = i + 1;
+    }
+    if (len > run)
+        ok = write(text + run, len - run) && ok;
+    return ok;
 }
 
 bool msg_write_stream::write(const char* text, size_t len) {
@@ -189,9 +281,15 @@ void msg_parameter::expand(const char* text, size_t len, out_ifc& out, msg_param
     constexpr int MAX_SEEN = 16;
     const msg_parameter* seen[MAX_SEEN];
     int n_seen = 0;
+    size_t written = 0;
     scan_(
-        text, len, f, l, [&](const char* s, size_t n) { out.write(s, n); },
+        text, len, f, l,
+        [&](const char* s, size_t n) {
+            written += n;
+            out.write(s, n);
+        },
         [&](const msg_parameter* p) {
+            written += p->val_size_;
             if (n_seen <= MAX_SEEN) {
                 bool known = false;
                 for (int i = 0; i < n_seen && !known; ++i)
@@ -212,6 +310,7 @@ void msg_parameter::expand(const char* text, size_t len, out_ifc& out, msg_param
         if (count == n_seen)
             return;
     }
+    out.text_empty_ = written == 0;
     bool listed = false;
     for (const msg_parameter* p = f; p != nullptr; p = step_(p, l)) {
         if (!first_of_name_(f, p))

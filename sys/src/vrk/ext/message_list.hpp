@@ -20,7 +20,17 @@
 //    handed once, with the value the rules above select and in the order of
 //    its first definition, to the sink's `remainder`, and the list is closed
 //    by one `remainder` call with a null name. Both sinks of this header
-//    render them behind the message as ` [NAME=value, OTHER=value]`.
+//    render them behind the message as ` [NAME=value, OTHER=value]` (no
+//    blank before `[` when the text came out empty), and keep the list on
+//    the message's line, so that the short form stays one line per message:
+//     - a value that is the printed form of an exception (an argument made
+//       from an exception) is written as its first message the way the
+//       short form writes it, then ` (+N more)` when N further messages
+//       follow; the whole form stays what a placeholder expands to;
+//     - line ends that close a value are dropped, and `\` `]` `,` CR LF
+//       inside a value are written `\\` `\]` `\,` `\r` `\n`, so that the
+//       unescaped `, ` and `]` always separate and close the list and a
+//       reader can take it apart again.
 //  - A message without placeholders and parameters comes out unchanged.
 // Expansion marks nothing in the records: copies of one exception may be
 // printed on several threads at once.
@@ -51,7 +61,7 @@ struct msg_parameter {
         virtual bool write(const char* text, size_t len) = 0;
         // One parameter the text does not mention (`name`, `value` with
         // their lengths), or, with a null `name`, the end of that list. The
-        // default renders ` [NAME=value, OTHER=value]` through `write`.
+        // default renders the list described at the top through `write`.
         virtual bool remainder(const char* name, uint32_t name_len, const char* value,
                                uint32_t val_len);
 
@@ -59,7 +69,12 @@ struct msg_parameter {
         out_ifc() noexcept = default;
 
     private:
+        friend struct msg_parameter;
+        bool write_value_(const char* value, size_t len);
+        bool write_escaped_(const char* text, size_t len);
+
         bool remainder_open_ = false;
+        bool text_empty_ = false; // the message text wrote nothing
     };
 
     msg_parameter* p_next_;
