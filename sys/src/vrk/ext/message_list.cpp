@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "vrk/ext/itoa.hpp"
 #include "vrk/import.hpp"
 #include "vrk/ostream.hpp"
 
@@ -172,12 +173,9 @@ bool msg_parameter::out_ifc::write_value_(const char* value, size_t len) {
     if (more == 0)
         return ok;
     char digits[24];
-    size_t n = sizeof digits;
-    do
-        digits[--n] = static_cast<char>('0' + more % 10);
-    while ((more /= 10) != 0);
+    vrk::itoa(more, digits);
     ok = write(" (+", 3) && ok;
-    ok = write(digits + n, sizeof digits - n) && ok;
+    ok = write(digits, std::strlen(digits)) && ok;
     return write(" more)", 6) && ok;
 }
 
