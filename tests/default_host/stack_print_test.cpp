@@ -130,6 +130,17 @@ TEST(DefaultHostStackPrint, ThreadMachineryIsCountedUnlessShown) {
         EXPECT_EQ(shown, !collapse) << text;
         EXPECT_EQ(counted, collapse) << text;
     }
+    // A caller's own template that takes the machinery as an argument is not.
+    for (const auto& [name, machinery] : std::vector<std::pair<const char*, bool>>{
+             {"void std::__invoke_impl<void, void (*)()>(std::__invoke_other, void (*&&)())", true},
+             {"std::__invoke_result<void (*)()>::type std::__invoke<void (*)()>(void (*&&)())",
+              true},
+             {"void run<int, std::_Bind<void (*(std::_Placeholder<1>))(int)> >(int, "
+              "std::_Bind<void (*(std::_Placeholder<1>))(int)>)",
+              false},
+             {"app::f(std::thread::_State_impl<int>*)", false},
+             {"bool std::operator< <int>(int, std::_Bind<int>)", false}})
+        EXPECT_EQ(vrk::host::is_runtime_machinery(name), machinery) << name;
 }
 
 } // namespace

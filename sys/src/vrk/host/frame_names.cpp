@@ -131,7 +131,8 @@ void write_frame(vrk::ostream& os, unsigned index, uint64_t address, const frame
 
 // A prefix counts at the start of the name or after the return type that
 // the demangler writes in front of a function template's name, but not
-// inside its parameters.
+// inside template arguments or parameters: `run<int, std::_Bind<...> >(...)`
+// is the caller's own function.
 bool is_runtime_machinery(const char* function) noexcept {
     static const char* const PREFIXES[] = {
         "std::__invoke",
@@ -142,12 +143,14 @@ bool is_runtime_machinery(const char* function) noexcept {
         "std::__future_base::",
         "std::_Bind",
     };
-    const char* params = std::strchr(function, '(');
-    for (const char* prefix : PREFIXES) {
-        const char* at = std::strstr(function, prefix);
-        if (at != nullptr && (at == function || at[-1] == ' ') &&
-            (params == nullptr || at < params))
-            return true;
+    int depth = 0; // of <> and () around the current character
+    for (const char* at = function; *at != 0 && depth >= 0; ++at) {
+        depth += (*at == '<' || *at == '(') - (*at == '>' || *at == ')');
+        if (depth != 0 || (at != function && at[-1] != ' '))
+            continue;
+        for (const char* prefix : PREFIXES)
+            if (std::strncmp(at, prefix, std::strlen(prefix)) == 0)
+                return true;
     }
     return false;
 }
