@@ -80,6 +80,8 @@ directory|@dir|vrkexc: cannot read @dir: Is a directory
 read error|/proc/self/mem|vrkexc: cannot read /proc/self/mem: Input/output error
 missing|@missing|vrkexc: cannot open @missing: No such file or directory
 TABLE
+out=$("$exe" decode "$tmp/one.hex" 2>&1 >/dev/full)
+check "write error" "1 vrkexc: cannot write the output" "$? $out"
 if [ "$(id -u)" != 0 ]; then
   cp "$tmp/one.bin" "$tmp/locked"; chmod 000 "$tmp/locked"
   check "permission" "vrkexc: cannot open $tmp/locked: Permission denied" "$("$exe" decode "$tmp/locked" 2>&1)"
