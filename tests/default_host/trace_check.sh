@@ -7,7 +7,9 @@
 set -uo pipefail
 prog=$1 exe=$2
 fail() { echo "FAIL: $1"; echo "$trace"; exit 1; }
-trace=$("$prog") || fail "the program failed"
+# Started under another name, as a link or a launcher may start it: its
+# frames still name its file.
+trace=$(exec -a renamed "$prog") || fail "the program failed"
 frames=$(grep -E '^#[0-9]+ ' <<<"$trace")
 [ "$(wc -l <<<"$frames")" -ge 4 ] || fail "too few frames"
 grep -vqE ' \([^ ()]+\+0x[0-9a-f]+\)( at .*)?$' <<<"$frames" && fail "a frame without module offset"

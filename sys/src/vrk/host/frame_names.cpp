@@ -84,6 +84,26 @@ bool name_from_file(const char* path, uint64_t module_offset, const char*& name,
     return name != nullptr;
 }
 
+// The file name of the program, read once (under g_lock): the dynamic linker
+// names the program by its argv[0], which may be a link, a name chosen by
+// whoever started it, or a process title written over it.
+constinit char g_program_name[256] = {};
+const char* program_name(const char* fallback) {
+    if (g_program_name[0] == 0) {
+        char path[4096];
+        const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
+        if (n <= 0)
+            return fallback;
+        path[n] = 0;
+        constexpr char DELETED[] = " (deleted)"; // the file was replaced or removed
+        const size_t len = static_cast<size_t>(n);
+        if (len > sizeof DELETED && std::strcmp(path + len - (sizeof DELETED - 1), DELETED) == 0)
+            path[len - (sizeof DELETED - 1)] = 0;
+        std::snprintf(g_program_name, sizeof g_program_name, "%s", base_name(path));
+    }
+    return g_program_name;
+}
+
 // The module of the return address `ret` of this process, its offset there
 // and the file to read its symbols from; false outside every module.
 bool locate(uintptr_t ret, frame_info& info, Dl_info& dl, const char*& file) {
@@ -95,8 +115,10 @@ bool locate(uintptr_t ret, frame_info& info, Dl_info& dl, const char*& file) {
         info.p_module_ = base_name(dl.dli_fname);
     info.module_offset_ = ret - (map != nullptr ? map->l_addr : 0);
     // The main program's entry has no name; its file is found through /proc.
-    file = map != nullptr && map->l_name != nullptr && map->l_name[0] != 0 ? map->l_name
-                                                                           : "/proc/self/exe";
+    const bool program = map == nullptr || map->l_name == nullptr || map->l_name[0] == 0;
+    file = program ? "/proc/self/exe" : map->l_name;
+    if (program)
+        info.p_module_ = program_name(info.p_module_);
     return true;
 }
 
