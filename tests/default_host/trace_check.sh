@@ -16,10 +16,12 @@ grep -vqE ' \([^ ()]+\+0x[0-9a-f]+\)( at .*)?$' <<<"$frames" && fail "a frame wi
 for f in 'trace_external()' 'trace_static()' '(anonymous namespace)::trace_in_anonymous()'; do
   grep -qF " $f+0x" <<<"$frames" || fail "$f not named"
 done
-# Only address and module offset left, then named again from the binary.
-bare=$(sed -E 's/^(#[0-9]+ +0x[0-9a-f]+) .*(\([^ ()]+\+0x[0-9a-f]+\)).*$/\1 \2/' <<<"$trace")
+# Only address and module offset left, behind a log prefix that holds a '#',
+# then named again from the binary.
+bare=$(sed -E 's/^(#[0-9]+ +0x[0-9a-f]+) .*(\([^ ()]+\+0x[0-9a-f]+\)).*$/\1 \2/; s/^/[conn #7] /' <<<"$trace")
 again=$("$exe" symbolize -e "$prog" <<<"$bare") || fail "symbolize failed"
-[ "$again" = "$trace" ] || { echo "--- symbolized"; echo "$again"; fail "symbolize named differently"; }
+[ "$again" = "$(sed 's/^/[conn #7] /' <<<"$trace")" ] ||
+  { echo "--- symbolized"; echo "$again"; fail "symbolize named differently"; }
 # A module whose name holds '+', found among the tool's own libraries; a CR
 # LF line stays CR LF.
 lib=$(ldd "$exe" | awk '/libstdc\+\+/ {print $3}')

@@ -70,13 +70,11 @@ const char* read_hex(const char* p, const char* end, uint64_t& value) {
     return p != start ? p : nullptr;
 }
 
-// The module and offset of a frame line are the last "(name+0xhex)" on it;
+// The frame line whose '#' is at `hash`. Its module and offset are the last
+// "(name+0xhex)" on it;
 // the offset follows the last '+', as a module name may hold one
 // ("libstdc++.so.6").
-bool parse(const char* line, const char* end, frame_line& f) {
-    const char* hash = static_cast<const char*>(std::memchr(line, '#', end - line));
-    if (hash == nullptr)
-        return false;
+bool parse_at(const char* line, const char* hash, const char* end, frame_line& f) {
     f.prefix_ = static_cast<size_t>(hash - line);
     const char* p = hash + 1;
     f.index_ = 0;
@@ -107,6 +105,16 @@ bool parse(const char* line, const char* end, frame_line& f) {
         f.module_len_ = static_cast<size_t>(plus - f.p_module_);
         return true;
     }
+    return false;
+}
+
+// The frame starts at the first '#' that opens one: a log prefix may hold
+// others ("[conn #7] #0  0x...").
+bool parse(const char* line, const char* end, frame_line& f) {
+    for (const char* hash = line;
+         (hash = static_cast<const char*>(std::memchr(hash, '#', end - hash))) != nullptr; ++hash)
+        if (parse_at(line, hash, end, f))
+            return true;
     return false;
 }
 
