@@ -71,9 +71,8 @@ const char* read_hex(const char* p, const char* end, uint64_t& value) {
 }
 
 // The frame line whose '#' is at `hash`. Its module and offset are the last
-// "(name+0xhex)" on it;
-// the offset follows the last '+', as a module name may hold one
-// ("libstdc++.so.6").
+// "(name+0xhex)" on it; the offset follows the last '+', as a module name may
+// hold one ("libstdc++.so.6").
 bool parse_at(const char* line, const char* hash, const char* end, frame_line& f) {
     f.prefix_ = static_cast<size_t>(hash - line);
     const char* p = hash + 1;
