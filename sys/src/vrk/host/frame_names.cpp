@@ -7,6 +7,7 @@
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -104,6 +105,41 @@ const char* program_name(const char* fallback) {
     return g_program_name;
 }
 
+// The file mapped at `addr`, as /proc/self/maps names it (under g_lock); null
+// when none is. The dynamic linker keeps a library's name as dlopen was given
+// it, which may be relative to a directory the process has left since.
+constinit char g_mapped_path[4096] = {};
+const char* mapped_file(uintptr_t addr) {
+    const int fd = ::open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    char buf[8192];
+    size_t have = 0;
+    bool found = false;
+    ssize_t n = 0;
+    while (!found && (n = ::read(fd, buf + have, sizeof buf - have)) > 0) {
+        have += static_cast<size_t>(n);
+        char* line = buf;
+        // "start-end perms offset device inode   path"
+        for (char* nl;
+             !found && (nl = static_cast<char*>(std::memchr(line, '\n', buf + have - line)));
+             line = nl + 1) {
+            *nl = 0;
+            unsigned long lo = 0, hi = 0;
+            int path = 0;
+            found = std::sscanf(line, "%lx-%lx %*s %*s %*s %*s %n", &lo, &hi, &path) == 2 &&
+                    addr >= lo && addr < hi && path > 0 && line[path] == '/' &&
+                    std::snprintf(g_mapped_path, sizeof g_mapped_path, "%s", line + path) > 0;
+        }
+        have = static_cast<size_t>(buf + have - line);
+        std::memmove(buf, line, have);
+        if (have == sizeof buf) // a line longer than the buffer names no file we can open
+            have = 0;
+    }
+    ::close(fd);
+    return found ? g_mapped_path : nullptr;
+}
+
 // The module of the return address `ret` of this process, its offset there
 // and the file to read its symbols from; false outside every module.
 bool locate(uintptr_t ret, frame_info& info, Dl_info& dl, const char*& file) {
@@ -119,6 +155,9 @@ bool locate(uintptr_t ret, frame_info& info, Dl_info& dl, const char*& file) {
     file = program ? "/proc/self/exe" : map->l_name;
     if (program)
         info.p_module_ = program_name(info.p_module_);
+    else if (file[0] != '/')
+        if (const char* mapped = mapped_file(ret - 1))
+            file = mapped;
     return true;
 }
 
