@@ -48,8 +48,9 @@ vrk_reload_call:
 vrk_reload_local:
     ret
     .size vrk_reload_local, .-vrk_reload_local
-    .section .data.rel.ro, "aw"
+    .pushsection .data.rel.ro, "aw"
     .globl vrk_reload_local_at
 vrk_reload_local_at:
     .quad vrk_reload_local
+    .popsection
 )");
