@@ -2,7 +2,8 @@
 // different frames around the same call: vrk_reload_call(fn, arg) calls
 // fn(arg) from the same offset in both. Layout a addresses its frame by rbp,
 // layout b by rsp and leaves rbp alone, so the rule of one build read for the
-// other walks into the wrong frame.
+// other walks into the wrong frame. vrk_reload_local_at holds the address of
+// a function without a dynamic symbol.
 asm(R"(
     .text
     .globl vrk_reload_call
@@ -42,4 +43,14 @@ vrk_reload_call:
     R"(
     .cfi_endproc
     .size vrk_reload_call, .-vrk_reload_call
+
+    .type vrk_reload_local, @function # no dynamic symbol
+vrk_reload_local:
+    ret
+    .size vrk_reload_local, .-vrk_reload_local
+    .pushsection .data.rel.ro, "aw"
+    .globl vrk_reload_local_at
+vrk_reload_local_at:
+    .quad vrk_reload_local
+    .popsection
 )");

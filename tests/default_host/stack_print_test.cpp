@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -130,6 +131,38 @@ TEST(DefaultHostStackPrint, ThreadMachineryIsCountedUnlessShown) {
         EXPECT_EQ(shown, !collapse) << text;
         EXPECT_EQ(counted, collapse) << text;
     }
+    // A caller's own template that takes the machinery as an argument is not.
+    for (const auto& [name, machinery] : std::vector<std::pair<const char*, bool>>{
+             {"void std::__invoke_impl<void, void (*)()>(std::__invoke_other, void (*&&)())", true},
+             {"std::__invoke_result<void (*)()>::type std::__invoke<void (*)()>(void (*&&)())",
+              true},
+             {"void run<int, std::_Bind<void (*(std::_Placeholder<1>))(int)> >(int, "
+              "std::_Bind<void (*(std::_Placeholder<1>))(int)>)",
+              false},
+             {"app::f(std::thread::_State_impl<int>*)", false},
+             {"bool std::operator< <int>(int, std::_Bind<int>)", false}})
+        EXPECT_EQ(vrk::host::is_runtime_machinery(name), machinery) << name;
+}
+
+// A library opened by a relative path is listed under that path; after a
+// change of directory its symbol table is still read from its file.
+TEST(DefaultHostStackPrint, LibraryOpenedByRelativePathIsNamedAfterChdir) {
+    const std::string path = VRK_RELOAD_B;
+    const size_t slash = path.rfind('/');
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    ASSERT_EQ(chdir(path.substr(0, slash).c_str()), 0);
+    void* lib = dlopen(("." + path.substr(slash)).c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_EQ(chdir("/"), 0);
+    ASSERT_NE(lib, nullptr) << dlerror();
+    const auto* local = static_cast<char* const*>(dlsym(lib, "vrk_reload_local_at"));
+    ASSERT_NE(local, nullptr);
+    {
+        vrk::host::frame_names names;
+        EXPECT_STREQ(names.resolve(*local + 1).p_function_, "vrk_reload_local");
+    }
+    dlclose(lib);
+    EXPECT_EQ(chdir(cwd), 0);
 }
 
 } // namespace

@@ -7,17 +7,29 @@
 set -uo pipefail
 prog=$1 exe=$2
 fail() { echo "FAIL: $1"; echo "$trace"; exit 1; }
-trace=$("$prog") || fail "the program failed"
+# Started under another name, as a link or a launcher may start it: its
+# frames still name its file.
+trace=$(exec -a renamed "$prog") || fail "the program failed"
 frames=$(grep -E '^#[0-9]+ ' <<<"$trace")
 [ "$(wc -l <<<"$frames")" -ge 4 ] || fail "too few frames"
 grep -vqE ' \([^ ()]+\+0x[0-9a-f]+\)( at .*)?$' <<<"$frames" && fail "a frame without module offset"
 for f in 'trace_external()' 'trace_static()' '(anonymous namespace)::trace_in_anonymous()'; do
   grep -qF " $f+0x" <<<"$frames" || fail "$f not named"
 done
-# Only address and module offset left, then named again from the binary.
-bare=$(sed -E 's/^(#[0-9]+ +0x[0-9a-f]+) .*(\([^ ()]+\+0x[0-9a-f]+\)).*$/\1 \2/' <<<"$trace")
+# Only address and module offset left, behind a log prefix that holds a '#',
+# then named again from the binary.
+bare=$(sed -E 's/^(#[0-9]+ +0x[0-9a-f]+) .*(\([^ ()]+\+0x[0-9a-f]+\)).*$/\1 \2/; s/^/[conn #7] /' <<<"$trace")
 again=$("$exe" symbolize -e "$prog" <<<"$bare") || fail "symbolize failed"
-[ "$again" = "$trace" ] || { echo "--- symbolized"; echo "$again"; fail "symbolize named differently"; }
+[ "$again" = "$(sed 's/^/[conn #7] /' <<<"$trace")" ] ||
+  { echo "--- symbolized"; echo "$again"; fail "symbolize named differently"; }
+# A module whose name holds '+', found among the tool's own libraries; a CR
+# LF line stays CR LF.
+lib=$(ldd "$exe" | awk '/libstdc\+\+/ {print $3}')
+at=$(nm -D --defined-only "$lib" | awk '$3 ~ /^__cxa_throw@/ {print $1}')
+line=$(printf '#0  0x00007f0000000005 (libstdc++.so.6+0x%x)\r' $((0x$at + 5)))
+again=$("$exe" symbolize <<<"$line")
+[[ $again == "#0  0x00007f0000000005 __cxa_throw+0x5 (libstdc++.so.6+0x"*$'\r' ]] ||
+  fail "libstdc++ frame: $again"
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 name=$(basename "$prog")

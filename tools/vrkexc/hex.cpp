@@ -1,4 +1,6 @@
 // Hexadecimal text of serialized exceptions, as logs and dumps carry it.
+#include <cstring>
+
 #include "tool.hpp"
 
 namespace vrkexc {
@@ -146,7 +148,9 @@ bool is_raw_input(const vrk::string& input) noexcept {
 bool read_hex_text(const vrk::string& text, vrk::string& bytes, text_position* fault) {
     const char* p = text.data();
     size_t line_no = 1;
-    for (size_t start = 0; start < text.size(); ++line_no) {
+    // A text saved by an editor that marks UTF-8 with a byte-order mark.
+    const bool bom = text.size() >= 3 && std::memcmp(p, "\xEF\xBB\xBF", 3) == 0;
+    for (size_t start = bom ? 3 : 0; start < text.size(); ++line_no) {
         size_t end = start;
         while (end < text.size() && p[end] != '\n')
             ++end;

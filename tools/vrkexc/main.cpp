@@ -107,8 +107,10 @@ int main(int argc, char** argv) {
         err() << "vrkexc: unknown command '" << argv[1] << "'\n" << USAGE;
     }
     out().flush();
-    err().flush();
-    if (!out().good() && status == 0)
+    if (!out().good() && status == 0) {
+        err() << "vrkexc: cannot write the output\n";
         status = EXIT_BAD_INPUT;
+    }
+    err().flush();
     return status;
 }

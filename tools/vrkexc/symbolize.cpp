@@ -70,11 +70,10 @@ const char* read_hex(const char* p, const char* end, uint64_t& value) {
     return p != start ? p : nullptr;
 }
 
-// The module and offset of a frame line are the last "(name+0xhex)" on it.
-bool parse(const char* line, const char* end, frame_line& f) {
-    const char* hash = static_cast<const char*>(std::memchr(line, '#', end - line));
-    if (hash == nullptr)
-        return false;
+// The frame line whose '#' is at `hash`. Its module and offset are the last
+// "(name+0xhex)" on it; the offset follows the last '+', as a module name may
+// hold one ("libstdc++.so.6").
+bool parse_at(const char* line, const char* hash, const char* end, frame_line& f) {
     f.prefix_ = static_cast<size_t>(hash - line);
     const char* p = hash + 1;
     f.index_ = 0;
@@ -90,19 +89,31 @@ bool parse(const char* line, const char* end, frame_line& f) {
     for (const char* open = end; open-- > p;) {
         if (*open != '(')
             continue;
-        const char* plus = open + 1;
-        while (plus < end && *plus != '+' && *plus != ')' && *plus != ' ' && *plus != '(')
-            ++plus;
-        if (plus == open + 1 || end - plus < 3 || plus[0] != '+' || plus[1] != '0' ||
-            plus[2] != 'x')
+        const char* close = open + 1;
+        while (close < end && *close != ')' && *close != ' ' && *close != '(')
+            ++close;
+        if (close == end || *close != ')')
             continue;
-        const char* after = read_hex(plus + 3, end, f.offset_);
-        if (after == nullptr || after == end || *after != ')')
+        const char* plus = close - 1;
+        while (plus > open + 1 && *plus != '+')
+            --plus;
+        if (plus == open + 1 || close - plus < 4 || plus[1] != '0' || plus[2] != 'x' ||
+            read_hex(plus + 3, close, f.offset_) != close)
             continue;
         f.p_module_ = open + 1;
         f.module_len_ = static_cast<size_t>(plus - f.p_module_);
         return true;
     }
+    return false;
+}
+
+// The frame starts at the first '#' that opens one: a log prefix may hold
+// others ("[conn #7] #0  0x...").
+bool parse(const char* line, const char* end, frame_line& f) {
+    for (const char* hash = line;
+         (hash = static_cast<const char*>(std::memchr(hash, '#', end - hash))) != nullptr; ++hash)
+        if (parse_at(line, hash, end, f))
+            return true;
     return false;
 }
 
@@ -199,6 +210,8 @@ int cmd_symbolize(int argc, char** argv) {
             const char* next = eol != nullptr ? eol + 1 : end;
             if (eol == nullptr)
                 eol = end;
+            if (eol != line && eol[-1] == '\r') // a rewritten line keeps its CR LF
+                --eol;
             frame_line f{};
             if (parse(line, eol, f) && f.offset_ != 0 &&
                 find_module(f.p_module_, f.module_len_, binaries, nbinaries, module_path)) {

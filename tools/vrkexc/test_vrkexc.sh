@@ -40,7 +40,8 @@ xxd "$tmp/one.bin" > "$tmp/xxd"
 xxd -i < "$tmp/one.bin" > "$tmp/0x"
 tr -s ' \n' ',' < "$tmp/one.hex" > "$tmp/commas"
 sed 's/^/2026-11-23 10:01:02 ERROR worker-3: /' "$tmp/one.hex" > "$tmp/log"
-for form in one.bin xxd 0x commas log; do
+{ printf '\xef\xbb\xbf'; sed 's/$/\r/' "$tmp/one.hex"; } > "$tmp/windows" # BOM, CR LF
+for form in one.bin xxd 0x commas log windows; do
   check "form $form" "$short_expected" "$("$exe" decode --short --no-stack "$tmp/$form" 2>&1)"
 done
 { sed 's/^/    /' "$tmp/one.hex" | tr 'A-F' 'a-f'; echo; cat "$tmp/one.hex"; } > "$tmp/bare"
@@ -79,6 +80,8 @@ directory|@dir|vrkexc: cannot read @dir: Is a directory
 read error|/proc/self/mem|vrkexc: cannot read /proc/self/mem: Input/output error
 missing|@missing|vrkexc: cannot open @missing: No such file or directory
 TABLE
+out=$("$exe" decode "$tmp/one.hex" 2>&1 >/dev/full)
+check "write error" "1 vrkexc: cannot write the output" "$? $out"
 if [ "$(id -u)" != 0 ]; then
   cp "$tmp/one.bin" "$tmp/locked"; chmod 000 "$tmp/locked"
   check "permission" "vrkexc: cannot open $tmp/locked: Permission denied" "$("$exe" decode "$tmp/locked" 2>&1)"

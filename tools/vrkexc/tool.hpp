@@ -54,7 +54,8 @@ struct text_position {
 //    a line that does not end in hex. A prefix that ends in a word of hex
 //    digits right before the bytes ("... added FACE...") is read as bytes:
 //    such prefixes end in a colon in practice.
-// Lines of several dumps follow each other. False with `*fault` at a word
+// Lines of several dumps follow each other; a leading UTF-8 byte-order mark
+// is skipped. False with `*fault` at a word
 // whose digits do not make whole bytes (one digit after 0x is one byte).
 bool read_hex_text(const vrk::string& text, vrk::string& bytes, text_position* fault);
 

@@ -143,19 +143,21 @@ template <> struct AtomicOperation<16> {
         return atomic_dword_t{__atomic_load_n(&word.lo, __ATOMIC_RELAXED),
                               __atomic_load_n(&word.hi, __ATOMIC_RELAXED)};
     }
-    // Stores `v`, retrying from the value found until the swap succeeds.
+    // Stores `v`. Compares nothing: the word may be fresh, uninitialised
+    // memory (a new block), which a compare would read.
     static void write(volatile atomic_dword_t& word, const atomic_dword_t& v) noexcept {
-        atomic_dword_t expected = peek(word);
-        atomic_dword_t prev;
-        while (!cas(word, expected, v, prev))
-            expected = prev;
+        xchg(word, v);
     }
-    // Stores `v` and returns the value it replaced.
+    // Stores `v` and returns the value it replaced, under one hold of the lock.
     static atomic_dword_t xchg(volatile atomic_dword_t& word, const atomic_dword_t& v) noexcept {
-        atomic_dword_t expected = peek(word);
+        const size_t s = Atomic128CAS::slot(&word);
+        Atomic128CAS::lock(s);
         atomic_dword_t prev;
-        while (!cas(word, expected, v, prev))
-            expected = prev;
+        prev.lo = __atomic_load_n(&word.lo, __ATOMIC_RELAXED);
+        prev.hi = __atomic_load_n(&word.hi, __ATOMIC_RELAXED);
+        __atomic_store_n(&word.hi, v.hi, __ATOMIC_RELAXED);
+        __atomic_store_n(&word.lo, v.lo, __ATOMIC_RELAXED);
+        Atomic128CAS::unlock(s);
         return prev;
     }
 };

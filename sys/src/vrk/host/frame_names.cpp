@@ -7,6 +7,7 @@
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <link.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -84,6 +85,61 @@ bool name_from_file(const char* path, uint64_t module_offset, const char*& name,
     return name != nullptr;
 }
 
+// The file name of the program, read once (under g_lock): the dynamic linker
+// names the program by its argv[0], which may be a link, a name chosen by
+// whoever started it, or a process title written over it.
+constinit char g_program_name[256] = {};
+const char* program_name(const char* fallback) {
+    if (g_program_name[0] == 0) {
+        char path[4096];
+        const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
+        if (n <= 0)
+            return fallback;
+        path[n] = 0;
+        constexpr char DELETED[] = " (deleted)"; // the file was replaced or removed
+        const size_t len = static_cast<size_t>(n);
+        if (len > sizeof DELETED && std::strcmp(path + len - (sizeof DELETED - 1), DELETED) == 0)
+            path[len - (sizeof DELETED - 1)] = 0;
+        std::snprintf(g_program_name, sizeof g_program_name, "%s", base_name(path));
+    }
+    return g_program_name;
+}
+
+// The file mapped at `addr`, as /proc/self/maps names it (under g_lock); null
+// when none is. The dynamic linker keeps a library's name as dlopen was given
+// it, which may be relative to a directory the process has left since.
+constinit char g_mapped_path[4096] = {};
+const char* mapped_file(uintptr_t addr) {
+    const int fd = ::open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    char buf[8192];
+    size_t have = 0;
+    bool found = false;
+    ssize_t n = 0;
+    while (!found && (n = ::read(fd, buf + have, sizeof buf - have)) > 0) {
+        have += static_cast<size_t>(n);
+        char* line = buf;
+        // "start-end perms offset device inode   path"
+        for (char* nl;
+             !found && (nl = static_cast<char*>(std::memchr(line, '\n', buf + have - line)));
+             line = nl + 1) {
+            *nl = 0;
+            unsigned long lo = 0, hi = 0;
+            int path = 0;
+            found = std::sscanf(line, "%lx-%lx %*s %*s %*s %*s %n", &lo, &hi, &path) == 2 &&
+                    addr >= lo && addr < hi && path > 0 && line[path] == '/' &&
+                    std::snprintf(g_mapped_path, sizeof g_mapped_path, "%s", line + path) > 0;
+        }
+        have = static_cast<size_t>(buf + have - line);
+        std::memmove(buf, line, have);
+        if (have == sizeof buf) // a line longer than the buffer names no file we can open
+            have = 0;
+    }
+    ::close(fd);
+    return found ? g_mapped_path : nullptr;
+}
+
 // The module of the return address `ret` of this process, its offset there
 // and the file to read its symbols from; false outside every module.
 bool locate(uintptr_t ret, frame_info& info, Dl_info& dl, const char*& file) {
@@ -95,8 +151,13 @@ bool locate(uintptr_t ret, frame_info& info, Dl_info& dl, const char*& file) {
         info.p_module_ = base_name(dl.dli_fname);
     info.module_offset_ = ret - (map != nullptr ? map->l_addr : 0);
     // The main program's entry has no name; its file is found through /proc.
-    file = map != nullptr && map->l_name != nullptr && map->l_name[0] != 0 ? map->l_name
-                                                                           : "/proc/self/exe";
+    const bool program = map == nullptr || map->l_name == nullptr || map->l_name[0] == 0;
+    file = program ? "/proc/self/exe" : map->l_name;
+    if (program)
+        info.p_module_ = program_name(info.p_module_);
+    else if (file[0] != '/')
+        if (const char* mapped = mapped_file(ret - 1))
+            file = mapped;
     return true;
 }
 
@@ -131,7 +192,8 @@ void write_frame(vrk::ostream& os, unsigned index, uint64_t address, const frame
 
 // A prefix counts at the start of the name or after the return type that
 // the demangler writes in front of a function template's name, but not
-// inside its parameters.
+// inside template arguments or parameters: `run<int, std::_Bind<...> >(...)`
+// is the caller's own function.
 bool is_runtime_machinery(const char* function) noexcept {
     static const char* const PREFIXES[] = {
         "std::__invoke",
@@ -142,12 +204,14 @@ bool is_runtime_machinery(const char* function) noexcept {
         "std::__future_base::",
         "std::_Bind",
     };
-    const char* params = std::strchr(function, '(');
-    for (const char* prefix : PREFIXES) {
-        const char* at = std::strstr(function, prefix);
-        if (at != nullptr && (at == function || at[-1] == ' ') &&
-            (params == nullptr || at < params))
-            return true;
+    int depth = 0; // of <> and () around the current character
+    for (const char* at = function; *at != 0 && depth >= 0; ++at) {
+        depth += (*at == '<' || *at == '(') - (*at == '>' || *at == ')');
+        if (depth != 0 || (at != function && at[-1] != ' '))
+            continue;
+        for (const char* prefix : PREFIXES)
+            if (std::strncmp(at, prefix, std::strlen(prefix)) == 0)
+                return true;
     }
     return false;
 }
