@@ -28,6 +28,7 @@ for kind in "${kinds[@]}"; do
   LD_LIBRARY_PATH="$(dirname "$(find "$work/prefix" -name vrk.pc | head -n 1)")/.." \
     "$work/$kind/pkgconfig_consumer"
   if [ "$kind" = shared ]; then
+    "$work/$kind/consumer_host_library" # the hooks in a library of the product
     # Really the shared libraries: the programs need them, and hold no copy.
     needed=$(ldd "$work/$kind/consumer_default_host")
     [[ $needed == *libvrk_default_host.so* && $needed == *libvrk_core.so* ]]
