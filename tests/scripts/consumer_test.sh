@@ -22,9 +22,13 @@ for kind in "${kinds[@]}"; do
   "$work/$kind/consumer_own_host"
   "$work/$kind/consumer_default_host"
 
-  # The same consumer built with nothing but pkg-config's flags.
+  # The same consumer built with nothing but pkg-config's flags, which leave
+  # the product's language standard as it is.
   flags=$(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs $pc)
-  "${CXX:-g++}" "$src/examples/consumer/main.cpp" -o "$work/$kind/pkgconfig_consumer" $flags
+  "${CXX:-g++}" -std=c++2b -fsyntax-only $(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags $pc) \
+    -x c++ - <<< '#include "vrk/exception.hpp"
+      static_assert(__cplusplus > 202002L);'
+  "${CXX:-g++}" -std=c++20 "$src/examples/consumer/main.cpp" -o "$work/$kind/pkgconfig_consumer" $flags
   LD_LIBRARY_PATH="$(dirname "$(find "$work/prefix" -name vrk.pc | head -n 1)")/.." \
     "$work/$kind/pkgconfig_consumer"
   if [ "$kind" = shared ]; then
