@@ -11,7 +11,7 @@ mkdir -p "$work"
 cmake --install "$build" --prefix "$work/prefix" > "$work/install.log" 2>&1 || { cat "$work/install.log"; exit 1; }
 kinds=(static)
 [ -n "$(find "$work/prefix" -name 'libvrk_core.so')" ] && kinds+=(shared)
-pcdir=$(dirname "$(find "$work/prefix" -name vrk.pc | head -n 1)")
+pcdir=$(dirname "$(find "$work/prefix" -name vrk.pc | head -n 1)") lib=$(dirname "$pcdir")
 for kind in "${kinds[@]}"; do
   shared=OFF pc=vrk
   [ "$kind" = shared ] && shared=ON pc=vrk-shared
@@ -29,8 +29,7 @@ for kind in "${kinds[@]}"; do
     -x c++ - <<< '#include "vrk/exception.hpp"
       static_assert(__cplusplus > 202002L);'
   "${CXX:-g++}" -std=c++20 "$src/examples/consumer/main.cpp" -o "$work/$kind/pkgconfig_consumer" $flags
-  LD_LIBRARY_PATH="$(dirname "$(find "$work/prefix" -name vrk.pc | head -n 1)")/.." \
-    "$work/$kind/pkgconfig_consumer"
+  LD_LIBRARY_PATH="$lib" "$work/$kind/pkgconfig_consumer"
   if [ "$kind" = shared ]; then
     "$work/$kind/consumer_host_library" # the hooks in a library of the product
     # Really the shared libraries: the programs need them, and hold no copy.
@@ -43,7 +42,6 @@ for kind in "${kinds[@]}"; do
     # keeps local. Construction vtables are local to each user anyway.
     ours() { nm -C "$@" | sed -nE 's/^[0-9a-f]+ [TDBRVWu] //p' | grep -vE '^(s|construction)' |
              grep -E 'vrk(_extern)?::' | sort -u; }
-    lib=$(dirname "$pcdir")
     unexported=$(comm -23 <(ours --defined-only "$lib/libvrk_core.a") <(ours -D --defined-only "$lib/libvrk_core.so"))
     locals=$(sed -nE 's/^ *"(vrk::.*)";$/\1/p' "$src/cmake/vrk_core.map" | sort)
     [ "$unexported" = "$locals" ] || { echo "libvrk_core.so does not export:"; echo "$unexported"; exit 1; }
