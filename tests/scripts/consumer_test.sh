@@ -9,6 +9,12 @@ work=$build/consumer-test
 rm -rf "$work"
 mkdir -p "$work"
 cmake --install "$build" --prefix "$work/prefix" > "$work/install.log" 2>&1 || { cat "$work/install.log"; exit 1; }
+# A product that adds the source tree with add_subdirectory links the shared
+# libraries as well (configured and generated only).
+printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(sub CXX)' "add_subdirectory($src vrk)" \
+  "add_executable(app $src/examples/consumer/main.cpp)" 'target_link_libraries(app vrk::vrk_shared)' \
+  > "$work/CMakeLists.txt"
+cmake -S "$work" -B "$work/sub" -G Ninja > "$work/sub.log" 2>&1 || { cat "$work/sub.log"; exit 1; }
 kinds=(static)
 [ -n "$(find "$work/prefix" -name 'libvrk_core.so')" ] && kinds+=(shared)
 pcdir=$(dirname "$(find "$work/prefix" -name vrk.pc | head -n 1)") lib=$(dirname "$pcdir")
