@@ -29,7 +29,14 @@ private:
     plugin_error() noexcept : exception(nullptr) {}
 };
 
-const bool registered = vrk::register_exception_type(plugin_error::TYPE, &plugin_error::create);
+// Registered while the plugin is loaded: a creator left in the registry after
+// dlclose would be called in unmapped code by the next deserialize.
+const struct registration {
+    registration() noexcept
+        : ok(vrk::register_exception_type(plugin_error::TYPE, &plugin_error::create)) {}
+    ~registration() { vrk::unregister_exception_type(plugin_error::TYPE, &plugin_error::create); }
+    bool ok;
+} registered;
 
 } // namespace
 
@@ -39,5 +46,5 @@ extern "C" [[noreturn]] void vrk_plugin_throw() {
 }
 
 extern "C" bool vrk_plugin_is_its_class(const vrk::exception& e) {
-    return registered && dynamic_cast<const plugin_error*>(&e) != nullptr;
+    return registered.ok && dynamic_cast<const plugin_error*>(&e) != nullptr;
 }

@@ -50,6 +50,7 @@ int main(int argc, char** argv) {
     check(lock_table() == vrk::impl::getHashLocks(), "one lock table in the process");
 
     vrk::heap_allocator heap;
+    vrk::string sent(heap);
     try {
         throw_it();
     } catch (const vrk::exception& e) {
@@ -57,7 +58,7 @@ int main(int argc, char** argv) {
         check(is_its_class(e), "caught as the plugin's class");
         vrk::osstream bytes(heap);
         serialize(e, bytes);
-        const vrk::string sent = bytes.str();
+        sent = bytes.str();
         vrk::isstream in(sent.data(), sent.size(), heap);
         auto back = vrk::exception::deserialize(in, heap);
         check(is_its_class(*back), "deserialized as the plugin's class");
@@ -85,6 +86,18 @@ int main(int argc, char** argv) {
         e.mark_processed(); // each copy made it unseen again
         back->mark_processed();
     }
+    // Unloaded, the plugin takes its class out of the registry: its bytes are
+    // refused as unknown instead of being read by a creator in unmapped code.
+    dlclose(thrower);
+    vrk::isstream in(sent.data(), sent.size(), heap);
+    bool refused = false;
+    try {
+        vrk::exception::deserialize(in, heap);
+    } catch (const vrk::runtime_error& e) {
+        e.mark_processed();
+        refused = true;
+    }
+    check(refused, "a class whose plugin is gone is refused");
     std::printf("%s\n",
                 failures == 0 ? "shared build: one library per process" : "shared build FAILED");
     return failures == 0 ? 0 : 1;

@@ -19,6 +19,7 @@ exception_creator exception_by_type(unsigned short type) noexcept;
 
 // Registers `creator` for `type`. False (and nothing changed) when another
 // creator already holds the number; registering the same one again is true.
+// A library that may be unloaded (dlclose) unregisters its creators first.
 bool register_exception_type(unsigned short type, exception_creator creator) noexcept;
 
 // Removes `creator` from `type` if it holds it; true when it did.

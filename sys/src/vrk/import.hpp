@@ -39,6 +39,9 @@ public:
     virtual ~unhandled() = default;
 };
 
+// The product defines these and the shared core calls them: exported even
+// from a product built with -fvisibility=hidden.
+#pragma GCC visibility push(default)
 namespace import {
 
 // The form of a source file name to store and show. The result is kept
@@ -68,4 +71,5 @@ unhandled* get_unhandled_callback() noexcept;
 [[noreturn]] void abort(const char* file, int line, const char* msg, long value) noexcept;
 
 } // namespace import
+#pragma GCC visibility pop
 } // namespace vrk_extern

@@ -56,12 +56,12 @@ public:
     // A locale without any facet; streams over it fail where they need one.
     static locale none() noexcept;
 
-    // The facet of slot `id`, or null when the locale has none there.
-    const facet* getFacet_(size_t id) const noexcept {
-        return id < MAX_FACETS ? p_facets_[id] : nullptr;
+    // The facet of slot `slot`, or null when the locale has none there.
+    const facet* getFacet_(size_t slot) const noexcept {
+        return slot < MAX_FACETS ? p_facets_[slot] : nullptr;
     }
-    // The facet of slot `id`; the caller has checked it with getFacet_.
-    const facet& useFacet_(size_t id) const noexcept { return *p_facets_[id]; }
+    // The facet of slot `slot`; the caller has checked it with getFacet_.
+    const facet& useFacet_(size_t slot) const noexcept { return *p_facets_[slot]; }
 
     friend bool operator==(const locale& a, const locale& b) noexcept;
 

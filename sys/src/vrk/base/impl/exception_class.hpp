@@ -200,8 +200,8 @@ protected:
 
     virtual void store_type(ostream& os) const;
 
-    // Supplied by the host.
-    static allocator& default_allocator();
+    // Supplied by the host; exported as the hooks of vrk/import.hpp are.
+    [[gnu::visibility("default")]] static allocator& default_allocator();
 
     // Registers, clears the processed flag; the first half of every do_throw.
     void prepare_throw_() noexcept;
