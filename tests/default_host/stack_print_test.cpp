@@ -118,6 +118,32 @@ TEST(DefaultHostStackPrint, FramesNameTheThrowSiteInEveryThread) {
         });
 }
 
+void recurse_and_throw(int depth);
+// Through a pointer the compiler cannot see through: a real call per level.
+void (*volatile g_recurse)(int) = recurse_and_throw;
+
+__attribute__((noinline)) void recurse_and_throw(int depth) {
+    if (depth == 0)
+        VRK_THROW(vrk::runtime_error, CODE);
+    g_recurse(depth - 1);
+}
+
+// A trace that fills the frame buffer says that outer callers are missing;
+// a shorter one does not.
+TEST(DefaultHostStackPrint, FullTraceSaysItWasCut) {
+    for (const int depth : {0, 40}) {
+        std::string text;
+        try {
+            recurse_and_throw(depth);
+        } catch (const vrk::exception& e) {
+            text = vrk_test::long_form(e);
+        }
+        const bool cut = text.find("\n... the trace holds 32 frames; the callers further out "
+                                   "were not recorded\n") != std::string::npos;
+        EXPECT_EQ(cut, depth == 40) << text;
+    }
+}
+
 // A thread's trace ends in the standard library's thread machinery: one line
 // counts those frames, unless the host is told to show them.
 TEST(DefaultHostStackPrint, ThreadMachineryIsCountedUnlessShown) {

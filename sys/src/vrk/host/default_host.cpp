@@ -155,6 +155,9 @@ constinit vrk::host::never_destroyed<default_unhandled> g_callback;
 constinit vrk::host::never_destroyed<vrk::heap_allocator> g_heap;
 
 std::atomic<bool> g_collapse{true};
+// The frame buffer the library offers (its capacity, 32 frames). A trace
+// that fills it may have been cut: the printed trace says so.
+std::atomic<unsigned> g_offered_frames{0};
 
 // --- uncaught exceptions ------------------------------------------------------
 
@@ -186,6 +189,7 @@ unsigned vrk_extern::import::save_stack_trace(void** frames, unsigned max_frames
                                               const void* caller) noexcept {
     if (max_frames == 0)
         return 0;
+    g_offered_frames.store(max_frames, std::memory_order_relaxed);
     // The fast walk serves plain frames from its rule table; a frame it does
     // not handle sends the whole capture to the runtime's unwinder.
     unsigned count = 0;
@@ -245,6 +249,9 @@ void vrk_extern::import::print_stack_trace(vrk::ostream* os, void** frames, unsi
         *os << vrk::endl;
     }
     write_left_out(count);
+    if (count != 0 && count == g_offered_frames.load(std::memory_order_relaxed))
+        *os << "... the trace holds " << count
+            << " frames; the callers further out were not recorded" << vrk::endl;
 }
 
 void vrk_extern::import::caught_exception(const vrk::exception&) {}
