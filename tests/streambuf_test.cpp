@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/forms.hpp"
 #include "support/test_allocator.hpp"
 #include "support/test_host.hpp"
 #include "vrk/base/ios_failure.hpp"
@@ -216,6 +217,49 @@ TEST(StringBuf, SeekOnAnOutputOnlyBufferMovesTheWritePosition) {
     // overflow(-1) writes nothing and reports success.
     EXPECT_EQ(sb.overflow(-1), 0);
     EXPECT_EQ(sb.size(), 10u);
+}
+
+// The members a stream's own use does not reach: replacing, emptying and
+// reading the text, and a caller's array in place of string storage.
+TEST(StringBuf, TextMembersOverOwnStorageAndACallersArray) {
+    vrk_test::test_allocator alloc;
+    {
+        open_stringbuf sb(alloc);
+        EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekpos(1, ios_base::in)), -1);
+        sb.str(vrk::string("xyz", 3, alloc));
+        sb.sputc('Q');                    // writing starts at the beginning
+        EXPECT_EQ(sb.overflow('R'), 'R'); // room left: stored without growth
+        EXPECT_STREQ(sb.c_str(), "QRz");
+        const long before = alloc.allocations();
+        sb.clear();
+        sb.sputn("ab", 2);
+        EXPECT_STREQ(sb.c_str(), "ab");
+        EXPECT_EQ(alloc.allocations(), before); // the storage was kept
+        sb.clear(true);
+        EXPECT_EQ(alloc.balance(), 0);
+        EXPECT_STREQ(sb.c_str(), "");
+
+        open_stringbuf in(vrk::string("abc", 3, alloc), alloc, ios_base::in);
+        EXPECT_EQ(in.size(), 3u);
+        EXPECT_EQ(vrk_test::text_of(in.str()), "abc");
+        char mine[3] = {'k', 'l', 'm'};
+        EXPECT_EQ(in.setbuf(nullptr, 3), &in);
+        in.setbuf(mine, 3);
+        EXPECT_EQ(in.sgetc(), 'k');
+        EXPECT_EQ(in.c_str(), nullptr); // the text is not the string's
+
+        open_stringbuf out(ios_base::out, alloc);
+        char arr[4] = "---";
+        out.setbuf(arr, 4);
+        out.sputn("ab", 2);
+        EXPECT_EQ(out.c_str(), nullptr); // the text is the whole array
+        EXPECT_EQ(out.sgetc(), -1);
+        EXPECT_EQ(out.in_avail(), -1);
+        vrk::string taken(alloc);
+        out.swap(taken);
+        EXPECT_EQ(vrk_test::text_of(taken), std::string("ab-", 4));
+    }
+    EXPECT_EQ(alloc.balance(), 0);
 }
 
 TEST(StringBuf, ReadingSeekingAndPutBack) {

@@ -203,19 +203,10 @@ basic_istream<char>& basic_istream<char>::operator>>(unsigned long long& v) {
 }
 
 streampos basic_istream<char>::tellg() {
-    return impl::tell_in_region(*this, [&] { return rdbuf()->pubseekoff(0, cur, in); });
-}
-
-basic_istream<char>& basic_istream<char>::seekg(streampos pos) {
-    clear(rdstate() & ~eofbit);
-    impl::seek_in_region(*this, [&] { return rdbuf()->pubseekpos(pos, in); });
-    return *this;
-}
-
-basic_istream<char>& basic_istream<char>::seekg(streamoff off, seekdir way) {
-    clear(rdstate() & ~eofbit);
-    impl::seek_in_region(*this, [&] { return rdbuf()->pubseekoff(off, way, in); });
-    return *this;
+    streampos r(-1);
+    if (!fail())
+        impl::stream_region(*this, [&] { r = rdbuf()->pubseekoff(0, cur, in); });
+    return r;
 }
 
 namespace impl {

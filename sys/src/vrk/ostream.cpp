@@ -64,20 +64,6 @@ bool basic_ostream<char>::do_write(const char* s, streamsize n) {
     return false;
 }
 
-streampos basic_ostream<char>::tellp() {
-    return impl::tell_in_region(*this, [&] { return rdbuf()->pubseekoff(0, cur, out); });
-}
-
-basic_ostream<char>& basic_ostream<char>::seekp(streampos pos) {
-    impl::seek_in_region(*this, [&] { return rdbuf()->pubseekpos(pos, out); });
-    return *this;
-}
-
-basic_ostream<char>& basic_ostream<char>::seekp(streamoff off, seekdir way) {
-    impl::seek_in_region(*this, [&] { return rdbuf()->pubseekoff(off, way, out); });
-    return *this;
-}
-
 namespace impl {
 
 ostream_t& ostreamInsert(ostream_t& os, const char* s, streamsize n) {
@@ -137,7 +123,5 @@ basic_ostream<char>& endl(basic_ostream<char>& os) {
 }
 
 basic_ostream<char>& ends(basic_ostream<char>& os) { return impl::ostreamPut(os, '\0'); }
-
-basic_ostream<char>& flush(basic_ostream<char>& os) { return impl::ostreamFlush(os); }
 
 } // namespace vrk

@@ -39,7 +39,7 @@ public:
     void str(const char* s, size_t n);
     void str(const basic_string<char>& s) { str(s.data(), s.size()); }
     // The text, NUL-terminated, valid until the next write. Null when the
-    // text lives in a full array given to setbuf.
+    // text lives in an array given to setbuf.
     const char* c_str();
     // Characters of the text.
     size_t size() const noexcept;

@@ -24,25 +24,6 @@ template <class F> bool stream_region(basic_ios<char>& s, F&& f) {
         s, [](void* p) { (*static_cast<fn_type*>(p))(); }, static_cast<void*>(&f));
 }
 
-// A position query: -1 on a failed stream, or when the buffer cannot tell
-// or threw.
-template <class F> streampos tell_in_region(basic_ios<char>& s, F&& tell) {
-    streampos r(-1);
-    if (!s.fail())
-        stream_region(s, [&] { r = tell(); });
-    return r;
-}
-
-// A positioning call: nothing on a failed stream; failbit when the buffer
-// answers -1.
-template <class F> void seek_in_region(basic_ios<char>& s, F&& seek) {
-    if (s.fail())
-        return;
-    streampos r(-1);
-    if (stream_region(s, [&] { r = seek(); }) && static_cast<streamoff>(r) == -1)
-        s.setstate(ios_base::failbit);
-}
-
 // A call into the buffer whose failure is badbit: `op` returns false when
 // the buffer refused. True when `op` succeeded; false when it failed or an
 // exception left it and was absorbed.
