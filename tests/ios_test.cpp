@@ -314,13 +314,22 @@ TEST_F(IosErrors, NullFacetFailsWhereAFacetIsNeededWhateverTheMask) {
     expect_null_facet([&] { os2 << 1; });
 }
 
-TEST(IosMisc, FaultprotCstringPrintsItsTextOrNothing) {
+TEST(IosMisc, FaultprotCstringPrintsAndCopiesItsTextOrNothing) {
     scripted_buf buf;
     vrk::ostream os(&buf);
     vrk::faultprot_cstring("file.cpp").print(os);
     vrk::faultprot_cstring().print(os);
     EXPECT_EQ(buf.text(), "file.cpp");
     EXPECT_TRUE(os.good());
+    // Copies are cut at the size, terminated only when room remains.
+    char out[4] = {'#', '#', '#', '#'};
+    EXPECT_EQ(vrk::faultprot_cstring("ab").ncpy(out, 0), 0u);
+    EXPECT_EQ(vrk::faultprot_cstring("file.cpp").ncpy(out, 4), 4u);
+    EXPECT_EQ(std::string(out, 4), "file");
+    EXPECT_EQ(vrk::faultprot_cstring("ab").ncpy(out, 4), 2u);
+    EXPECT_EQ(std::string(out, 4), std::string("ab\0e", 4));
+    EXPECT_EQ(vrk::faultprot_cstring().ncpy(out, 4), 0u);
+    EXPECT_EQ(out[0], '\0');
 }
 
 TEST(IosMisc, WordStoreBeyondItsLocalSlotsIsAScratchWord) {

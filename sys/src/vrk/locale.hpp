@@ -63,8 +63,6 @@ public:
     // The facet of slot `id`; the caller has checked it with getFacet_.
     const facet& useFacet_(size_t id) const noexcept { return *p_facets_[id]; }
 
-    friend bool operator==(const locale& a, const locale& b) noexcept;
-
 private:
     struct none_tag {};
     explicit locale(none_tag) noexcept;
