@@ -4,6 +4,7 @@
 // put-back, swap and allocation failures.
 #include <cstring>
 #include <new>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -150,27 +151,43 @@ TEST(StringBuf, SwapHandsOverTheTextAndTheBufferCarriesOn) {
     EXPECT_EQ(other.balance(), 0);
 }
 
-TEST(StringBuf, SeekOnAnOutputOnlyBufferMovesTheWritePosition) {
+// Positioning against the standard string buffer: every direction, way and
+// offset, on buffers for reading, writing and both, once reads and writes
+// have moved the positions apart; then reading, writing and the text.
+TEST(StringBuf, SeekingMatchesTheStandardBuffer) {
     vrk_test::test_allocator alloc;
-    open_stringbuf sb(ios_base::out, alloc);
-    const auto off = [&](vrk::streamoff o, ios_base::seekdir way, ios_base::openmode which) {
-        return static_cast<vrk::streamoff>(sb.seekoff(o, way, which));
+    const ios_base::openmode modes[] = {ios_base::in, ios_base::out, ios_base::in | ios_base::out};
+    const auto std_mode = [](ios_base::openmode m) { return std::ios_base::openmode(m); };
+    const auto off_of = [](auto pos) {
+        return static_cast<long>(static_cast<std::streamoff>(pos));
     };
-    EXPECT_EQ(off(0, ios_base::end, ios_base::out), 0);
-    EXPECT_EQ(off(1, ios_base::beg, ios_base::out), -1);
-    EXPECT_EQ(sb.sputn("0123456789", 10), 10);
-    EXPECT_EQ(off(0, ios_base::end, ios_base::out), 10);
-    EXPECT_EQ(off(-3, ios_base::cur, ios_base::out), 7);
-    sb.sputc('X');
-    EXPECT_EQ(off(1, ios_base::end, ios_base::out), -1);
-    EXPECT_EQ(off(0, ios_base::beg, ios_base::in), -1);
-    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekpos(2, ios_base::out)), 2);
-    sb.sputc('Y');
-    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekpos(11, ios_base::out)), -1);
-    EXPECT_STREQ(sb.c_str(), "01Y3456X89");
-    // overflow(-1) writes nothing and reports success.
-    EXPECT_EQ(sb.overflow(-1), 0);
-    EXPECT_EQ(sb.size(), 10u);
+    for (const auto mode : modes)
+        for (const auto which : modes)
+            for (const int way : {0, 1, 2})
+                for (const long off : {-11L, -3L, 0L, 2L, 10L, 12L}) {
+                    SCOPED_TRACE(testing::Message()
+                                 << mode << ' ' << which << ' ' << way << ' ' << off);
+                    open_stringbuf v(vrk::string("0123456789", 10, alloc), alloc, mode);
+                    std::stringbuf s(std::string("0123456789"), std_mode(mode));
+                    const auto apart = [](auto& b) {
+                        b.sbumpc();
+                        b.sbumpc();
+                        b.sputn("abc", 3);
+                    };
+                    apart(v);
+                    apart(s);
+                    EXPECT_EQ(
+                        off_of(v.seekoff(off, ios_base::seekdir(way), which)),
+                        off_of(s.pubseekoff(off, std::ios_base::seekdir(way), std_mode(which))));
+                    EXPECT_EQ(v.sgetc(), s.sgetc());
+                    EXPECT_EQ(v.sputc('X'), s.sputc('X'));
+                    EXPECT_EQ(off_of(v.seekpos(off, which)),
+                              off_of(s.pubseekpos(off, std_mode(which))));
+                    EXPECT_EQ(v.sbumpc(), s.sbumpc());
+                    EXPECT_EQ(v.sputc('Y'), s.sputc('Y'));
+                    EXPECT_EQ(vrk_test::text_of(v.str()), s.str());
+                }
+    EXPECT_EQ(alloc.balance(), 0);
 }
 
 // The members a stream's own use does not reach: replacing, emptying and
@@ -192,6 +209,7 @@ TEST(StringBuf, TextMembersOverOwnStorageAndACallersArray) {
         sb.str(vrk::string("xyz", 3, alloc));
         sb.sputc('Q');                    // writing starts at the beginning
         EXPECT_EQ(sb.overflow('R'), 'R'); // room left: stored without growth
+        EXPECT_EQ(sb.overflow(-1), 0);    // nothing to store
         EXPECT_STREQ(sb.c_str(), "QRz");
         const long before = alloc.allocations();
         sb.clear();
