@@ -248,6 +248,16 @@ TEST(IosBuffering, UnitbufTieAndEndlSyncTheBuffer) {
     os << "d";
     EXPECT_EQ(tied_buf.syncs, 5);
     EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
+
+    // Input flushes its tie too.
+    scripted_buf in_buf;
+    in_buf.set_input("7");
+    vrk::istream is(&in_buf);
+    is.tie(&tied);
+    long v = 0;
+    is >> v;
+    EXPECT_EQ(v, 7);
+    EXPECT_EQ(tied_buf.syncs, 6);
 }
 
 TEST_F(IosErrors, GuardSuspendsTheMaskAndRestoresTheFormat) {
