@@ -350,7 +350,10 @@ TEST(IosMisc, WordStoreBeyondItsLocalSlotsIsAScratchWord) {
     os.iword(8) = 5; // zero again at the next call: the store never allocates
     EXPECT_EQ(os.iword(8), 0);
     EXPECT_EQ(os.pword(-1), nullptr);
+    os.iword(-2) = 9;
     EXPECT_EQ(os.iword(3), 77);
+    os.pword(3) = &buf;
+    EXPECT_EQ(os.pword(3), &buf);
 }
 
 TEST(IosMisc, IostreamSharesOneStateBetweenItsInputAndOutput) {
@@ -364,6 +367,10 @@ TEST(IosMisc, IostreamSharesOneStateBetweenItsInputAndOutput) {
     ios << "x"; // the eof of the input fails the output
     EXPECT_EQ(buf.text(), "");
     EXPECT_TRUE(ios.fail());
+    char c = 'k';
+    ios.get(c);
+    EXPECT_EQ(c, 'k');
+    EXPECT_EQ(static_cast<vrk::streamoff>(ios.tellg()), -1);
 }
 
 } // namespace
