@@ -317,6 +317,13 @@ TEST_F(IosErrors, NullFacetFailsWhereAFacetIsNeededWhateverTheMask) {
     is.get(c);
     EXPECT_EQ(c, ' ');
 
+    // A slot past the table is ignored; a user slot is kept.
+    const throwing_num_put any;
+    const vrk::locale user(vrk::locale(vrk::locale::classic(), vrk::locale::id(99), &any),
+                           vrk::locale::id(vrk::locale::FIRST_USER_ID), &any);
+    EXPECT_EQ(user.getFacet_(vrk::locale::FIRST_USER_ID), &any);
+    EXPECT_EQ(user.getFacet_(99), nullptr);
+
     // A locale with ctype but without num_put fails only on numbers.
     vrk::ostream os2(&buf);
     os2.imbue(vrk::locale(vrk::locale::classic(), vrk::num_put::id, nullptr));

@@ -131,9 +131,13 @@ TEST_F(MessageList, ANodeOnItsOwnStorage) {
     ASSERT_LE(vrk::message_node::allocation_size(9), sizeof storage);
     auto* node = ::new (storage) vrk::message_node;
     node->init("id=$ID$ .", 9);
+    EXPECT_EQ(node->get_param_value_by_name("ID"), nullptr);
+    char buf[16];
+    EXPECT_EQ(node->expand(buf, sizeof buf), 9u); // no parameters: the text as it is
     EXPECT_TRUE(node->new_param(alloc_, nullptr, "lost", false)); // nothing to store
     ASSERT_TRUE(node->new_param(alloc_, "ID", "7", false));
-    char buf[16];
+    EXPECT_STREQ(node->get_param_value_by_name("ID"), "7");
+    EXPECT_EQ(node->get_param_value_by_name(nullptr), nullptr);
     EXPECT_EQ(node->expand(buf, sizeof buf), 6u);
     EXPECT_STREQ(buf, "id=7 .");
     vrk::heap_allocator heap;
