@@ -10,8 +10,8 @@ set -euo pipefail
 
 # Floors, in percent: the level reached, rounded down (94.1% of lines and
 # 85.1% of branches on 23 Nov 2026). The threaded tests move a few counts
-# between runs, so the branch floor keeps one point of room.
-LINE_FLOOR=94
+# between runs, so each floor keeps one point of room.
+LINE_FLOOR=93
 BRANCH_FLOOR=84
 
 [ $# -eq 1 ] || { echo "usage: $0 BUILD_DIR" >&2; exit 2; }
