@@ -195,6 +195,7 @@ TEST(StringBuf, SeekingMatchesTheStandardBuffer) {
                     EXPECT_EQ(v.sgetn(got[0], 720), s.sgetn(got[1], 720));
                     EXPECT_EQ(std::string(got[0], 720), std::string(got[1], 720));
                     EXPECT_EQ(vrk_test::text_of(v.str()), s.str());
+                    EXPECT_EQ(v.size(), s.str().size());
                 }
     EXPECT_EQ(alloc.balance(), 0);
 }
