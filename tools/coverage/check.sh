@@ -8,8 +8,8 @@
 # Usage: tools/coverage/check.sh BUILD_DIR
 set -euo pipefail
 
-# Floors, in percent: the level reached, rounded down (94.1% of lines and
-# 85.1% of branches on 23 Nov 2026). The threaded tests move a few counts
+# Floors, in percent: the level reached, rounded down (94.0% of lines and
+# 85.0% of branches on 23 Nov 2026). The threaded tests move a few counts
 # between runs, so each floor keeps one point of room.
 LINE_FLOOR=93
 BRANCH_FLOOR=84
