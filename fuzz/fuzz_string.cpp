@@ -116,7 +116,10 @@ struct harness {
             else if (how % 3 == 1)
                 x.append(y.data() + off, t.size());
             for (size_t k = 0; how % 3 == 2 && k < t.size(); ++k) {
-                x.push_back(t[k]);
+                if (how & 8)
+                    x += t[k];
+                else
+                    x.push_back(t[k]);
                 before[i] = m[i] += t[k];
             }
             m[i] = how % 3 == 2 ? m[i] : m[i] + t;
@@ -128,6 +131,8 @@ struct harness {
                 refused(i);
             if (how & 1)
                 x = std::move(s[j]);
+            else if (how & 2)
+                x.assign(y);
             else
                 x = y;
             m[i] = t;
@@ -195,6 +200,8 @@ struct harness {
             CHECK(x.find(sub.data(), pos, sub.size()) == m[i].find(sub, pos));
             CHECK(x.find(z.c_str(), pos) == m[i].find(z, pos) &&
                   x.rfind(c, pos) == m[i].rfind(c, pos));
+            CHECK(x.find(y, pos) == m[i].find(m[j], pos) && x.find(c, pos) == m[i].find(c, pos) &&
+                  x.length() == m[i].size());
             CHECK(x.compare(y) == sign(m[i].compare(m[j])) && (x == y) == (m[i] == m[j]));
             CHECK(x.compare(z.c_str()) == sign(m[i].compare(z)));
             CHECK(text_of(x + y) == m[i] + m[j] && text_of(x + z.c_str()) == m[i] + z);

@@ -2,12 +2,13 @@
 // time and from one request on: the exception must still report what it can
 // (the right failure code and note, the fallback text) and every block goes
 // back to its allocator. Printing, what() and chains on a failing allocator
-// are checked by the exception fuzz target and its corpus.
+// are checked by the exception fuzz target and its corpus, string growth on a
+// failing allocator by the string fuzz target.
 //
 // Allocation sites reached: the data block and the stack buffer (creation),
 // an appended node (append_message), a message parameter (every typed
-// argument, an exception argument included), the string storage (string
-// growth, the serializer's scratch text), and the reader's object, blocks,
+// argument, an exception argument included), the serializer's scratch
+// text, and the reader's object, blocks,
 // nodes, file names and stack texts (deserialize).
 #include <new>
 #include <string>
@@ -103,32 +104,6 @@ exception long_chain() {
         e << m;
     }
     return e;
-}
-
-TEST_F(FaultSweep, GrowingStringsKeepTheirTextWhenGrowthFails) {
-    fault_sweep("string_growth", [](const fault_point& fp) {
-        vrk::string s(fp.alloc);
-        std::string model;
-        for (int i = 0; i < 30; ++i) {
-            const std::string piece = std::to_string(i) + std::string(17, 'x');
-            try {
-                s.append(piece.c_str());
-                model += piece;
-            } catch (const std::bad_alloc&) {
-                EXPECT_TRUE(fp.any_failed());
-            }
-            ASSERT_EQ(vrk_test::text_of(s), model);
-        }
-        // A shared block unshared by a change: on failure neither copy changes.
-        vrk::string copy(s);
-        try {
-            copy.push_back('!');
-            EXPECT_EQ(vrk_test::text_of(copy), model + "!");
-        } catch (const std::bad_alloc&) {
-            EXPECT_EQ(vrk_test::text_of(copy), model);
-        }
-        EXPECT_EQ(vrk_test::text_of(s), model);
-    });
 }
 
 // Arguments (each takes one parameter; an exception's is printed first), a

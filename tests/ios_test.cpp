@@ -248,6 +248,16 @@ TEST(IosBuffering, UnitbufTieAndEndlSyncTheBuffer) {
     os << "d";
     EXPECT_EQ(tied_buf.syncs, 5);
     EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
+
+    // Input flushes its tie too.
+    scripted_buf in_buf;
+    in_buf.set_input("7");
+    vrk::istream is(&in_buf);
+    is.tie(&tied);
+    long v = 0;
+    is >> v;
+    EXPECT_EQ(v, 7);
+    EXPECT_EQ(tied_buf.syncs, 6);
 }
 
 TEST_F(IosErrors, GuardSuspendsTheMaskAndRestoresTheFormat) {
@@ -307,6 +317,13 @@ TEST_F(IosErrors, NullFacetFailsWhereAFacetIsNeededWhateverTheMask) {
     is.get(c);
     EXPECT_EQ(c, ' ');
 
+    // A slot past the table is ignored; a user slot is kept.
+    const throwing_num_put any;
+    const vrk::locale user(vrk::locale(vrk::locale::classic(), vrk::locale::id(99), &any),
+                           vrk::locale::id(vrk::locale::FIRST_USER_ID), &any);
+    EXPECT_EQ(user.getFacet_(vrk::locale::FIRST_USER_ID), &any);
+    EXPECT_EQ(user.getFacet_(99), nullptr);
+
     // A locale with ctype but without num_put fails only on numbers.
     vrk::ostream os2(&buf);
     os2.imbue(vrk::locale(vrk::locale::classic(), vrk::num_put::id, nullptr));
@@ -314,13 +331,22 @@ TEST_F(IosErrors, NullFacetFailsWhereAFacetIsNeededWhateverTheMask) {
     expect_null_facet([&] { os2 << 1; });
 }
 
-TEST(IosMisc, FaultprotCstringPrintsItsTextOrNothing) {
+TEST(IosMisc, FaultprotCstringPrintsAndCopiesItsTextOrNothing) {
     scripted_buf buf;
     vrk::ostream os(&buf);
     vrk::faultprot_cstring("file.cpp").print(os);
     vrk::faultprot_cstring().print(os);
     EXPECT_EQ(buf.text(), "file.cpp");
     EXPECT_TRUE(os.good());
+    // Copies are cut at the size, terminated only when room remains.
+    char out[4] = {'#', '#', '#', '#'};
+    EXPECT_EQ(vrk::faultprot_cstring("ab").ncpy(out, 0), 0u);
+    EXPECT_EQ(vrk::faultprot_cstring("file.cpp").ncpy(out, 4), 4u);
+    EXPECT_EQ(std::string(out, 4), "file");
+    EXPECT_EQ(vrk::faultprot_cstring("ab").ncpy(out, 4), 2u);
+    EXPECT_EQ(std::string(out, 4), std::string("ab\0e", 4));
+    EXPECT_EQ(vrk::faultprot_cstring().ncpy(out, 4), 0u);
+    EXPECT_EQ(out[0], '\0');
 }
 
 TEST(IosMisc, WordStoreBeyondItsLocalSlotsIsAScratchWord) {
@@ -331,7 +357,10 @@ TEST(IosMisc, WordStoreBeyondItsLocalSlotsIsAScratchWord) {
     os.iword(8) = 5; // zero again at the next call: the store never allocates
     EXPECT_EQ(os.iword(8), 0);
     EXPECT_EQ(os.pword(-1), nullptr);
+    os.iword(-2) = 9;
     EXPECT_EQ(os.iword(3), 77);
+    os.pword(3) = &buf;
+    EXPECT_EQ(os.pword(3), &buf);
 }
 
 TEST(IosMisc, IostreamSharesOneStateBetweenItsInputAndOutput) {
@@ -345,6 +374,10 @@ TEST(IosMisc, IostreamSharesOneStateBetweenItsInputAndOutput) {
     ios << "x"; // the eof of the input fails the output
     EXPECT_EQ(buf.text(), "");
     EXPECT_TRUE(ios.fail());
+    char c = 'k';
+    ios.get(c);
+    EXPECT_EQ(c, 'k');
+    EXPECT_EQ(static_cast<vrk::streamoff>(ios.tellg()), -1);
 }
 
 } // namespace

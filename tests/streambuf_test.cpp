@@ -1,12 +1,15 @@
-// Stream buffers: the base's bulk transfers, the fixed buffer stream that
-// cuts at 2047 characters, and the string buffer's growth, positioning,
+// Stream buffers (the base's bulk transfers are compared with the standard
+// streams by the streams fuzz target): the fixed buffer stream that cuts at
+// 2047 characters, and the string buffer's growth, positioning,
 // put-back, swap and allocation failures.
 #include <cstring>
 #include <new>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "support/forms.hpp"
 #include "support/test_allocator.hpp"
 #include "support/test_host.hpp"
 #include "vrk/base/ios_failure.hpp"
@@ -28,53 +31,6 @@ struct open_stringbuf : vrk::stringbuf {
     using vrk::stringbuf::setbuf;
     using vrk::stringbuf::stringbuf;
 };
-
-// A buffer with a get area of 4 and a put area of 4 characters that counts
-// the virtual calls at the boundaries: overflow takes up to `room` more
-// characters, uflow delivers `extra` more.
-struct counting_buf : vrk::streambuf {
-    counting_buf() {
-        setp(out, out + 4);
-        setg(in, in, in + 4);
-    }
-    int overflow(int c) override {
-        ++overflows;
-        if (room == 0)
-            return -1;
-        --room;
-        spilled += static_cast<char>(c);
-        return c;
-    }
-    int uflow() override {
-        ++uflows;
-        if (extra == 0)
-            return -1;
-        --extra;
-        return 200; // above 127: must come through unsigned
-    }
-    char out[4] = {};
-    char in[4] = {'a', 'b', 'c', 'd'};
-    std::string spilled;
-    int overflows = 0, uflows = 0, room = 2, extra = 1;
-};
-
-TEST(StreambufBase, BulkTransfersCallTheVirtualsOnlyAtTheBoundary) {
-    counting_buf b;
-    EXPECT_EQ(b.sputn("0123456789", 10), 6);
-    EXPECT_EQ(std::string(b.out, 4), "0123");
-    EXPECT_EQ(b.spilled, "45");
-    EXPECT_EQ(b.overflows, 3);
-
-    char got[8] = {};
-    EXPECT_EQ(b.sgetn(got, 8), 5);
-    EXPECT_EQ(std::string(got, 5), "abcd\xc8");
-    EXPECT_EQ(b.uflows, 2);
-
-    // Put-back needs the same character before the cursor; otherwise the
-    // base's pbackfail refuses.
-    EXPECT_EQ(b.sputbackc('x'), -1);
-    EXPECT_EQ(b.sputbackc('d'), 'd');
-}
 
 // The cut itself is checked with a printed exception.
 TEST(BufferStream, ClearedForReuseAndOverACallersArrayNeverAllocates) {
@@ -195,46 +151,125 @@ TEST(StringBuf, SwapHandsOverTheTextAndTheBufferCarriesOn) {
     EXPECT_EQ(other.balance(), 0);
 }
 
-TEST(StringBuf, SeekOnAnOutputOnlyBufferMovesTheWritePosition) {
+// Positioning against the standard string buffer: every direction, way and
+// offset, on buffers for reading, writing and both, once reads and writes
+// have moved the positions apart; then reading, put-back, writing, growth
+// and the text.
+TEST(StringBuf, SeekingMatchesTheStandardBuffer) {
     vrk_test::test_allocator alloc;
-    open_stringbuf sb(ios_base::out, alloc);
-    const auto off = [&](vrk::streamoff o, ios_base::seekdir way, ios_base::openmode which) {
-        return static_cast<vrk::streamoff>(sb.seekoff(o, way, which));
+    const ios_base::openmode modes[] = {ios_base::in, ios_base::out, ios_base::in | ios_base::out};
+    const auto std_mode = [](ios_base::openmode m) { return std::ios_base::openmode(m); };
+    const auto off_of = [](auto pos) {
+        return static_cast<long>(static_cast<std::streamoff>(pos));
     };
-    EXPECT_EQ(off(0, ios_base::end, ios_base::out), 0);
-    EXPECT_EQ(off(1, ios_base::beg, ios_base::out), -1);
-    EXPECT_EQ(sb.sputn("0123456789", 10), 10);
-    EXPECT_EQ(off(0, ios_base::end, ios_base::out), 10);
-    EXPECT_EQ(off(-3, ios_base::cur, ios_base::out), 7);
-    sb.sputc('X');
-    EXPECT_EQ(off(1, ios_base::end, ios_base::out), -1);
-    EXPECT_EQ(off(0, ios_base::beg, ios_base::in), -1);
-    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekpos(2, ios_base::out)), 2);
-    sb.sputc('Y');
-    EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekpos(11, ios_base::out)), -1);
-    EXPECT_STREQ(sb.c_str(), "01Y3456X89");
-    // overflow(-1) writes nothing and reports success.
-    EXPECT_EQ(sb.overflow(-1), 0);
-    EXPECT_EQ(sb.size(), 10u);
+    for (const auto mode : modes)
+        for (const auto which : modes)
+            for (const int way : {0, 1, 2})
+                for (const long off : {-11L, -3L, 0L, 2L, 10L, 12L}) {
+                    SCOPED_TRACE(testing::Message()
+                                 << mode << ' ' << which << ' ' << way << ' ' << off);
+                    open_stringbuf v(vrk::string("0123456789", 10, alloc), alloc, mode);
+                    std::stringbuf s(std::string("0123456789"), std_mode(mode));
+                    const auto apart = [](auto& b) {
+                        b.sbumpc();
+                        b.sbumpc();
+                        b.sputn("abc", 3);
+                    };
+                    apart(v);
+                    apart(s);
+                    EXPECT_EQ(
+                        off_of(v.seekoff(off, ios_base::seekdir(way), which)),
+                        off_of(s.pubseekoff(off, std::ios_base::seekdir(way), std_mode(which))));
+                    EXPECT_EQ(v.sgetc(), s.sgetc());
+                    EXPECT_EQ(v.sputc('X'), s.sputc('X'));
+                    EXPECT_EQ(off_of(v.seekpos(off, which)),
+                              off_of(s.pubseekpos(off, std_mode(which))));
+                    EXPECT_EQ(v.sbumpc(), s.sbumpc());
+                    EXPECT_EQ(v.sputbackc('Z'), s.sputbackc('Z'));
+                    EXPECT_EQ(v.sungetc(), s.sungetc());
+                    EXPECT_EQ(v.sputc('Y'), s.sputc('Y'));
+                    // Growth moves the areas: positions and text come along.
+                    const std::string more(700, 'm');
+                    EXPECT_EQ(v.sputn(more.data(), 700), s.sputn(more.data(), 700));
+                    char got[2][720] = {};
+                    EXPECT_EQ(v.sgetn(got[0], 720), s.sgetn(got[1], 720));
+                    EXPECT_EQ(std::string(got[0], 720), std::string(got[1], 720));
+                    EXPECT_EQ(vrk_test::text_of(v.str()), s.str());
+                    EXPECT_EQ(v.size(), s.str().size());
+                }
+    EXPECT_EQ(alloc.balance(), 0);
 }
 
-TEST(StringBuf, ReadingSeekingAndPutBack) {
+// The members a stream's own use does not reach: replacing, emptying and
+// reading the text, a caller's array in place of string storage, and what
+// the base buffer answers for them.
+TEST(StringBuf, TextMembersOverOwnStorageAndACallersArray) {
+    struct base_only : vrk::streambuf {
+    } base;
+    EXPECT_EQ(base.pubsetbuf(nullptr, 1), &base);
+    EXPECT_EQ(static_cast<vrk::streamoff>(base.pubseekoff(0, ios_base::beg, ios_base::in)), -1);
+    EXPECT_EQ(static_cast<vrk::streamoff>(base.pubseekpos(0, ios_base::in)), -1);
+    EXPECT_EQ(base.in_avail(), 0);
+    EXPECT_EQ(base.sputc('x'), -1);
+
     vrk_test::test_allocator alloc;
     {
+        open_stringbuf sb(alloc);
+        EXPECT_EQ(static_cast<vrk::streamoff>(sb.seekpos(1, ios_base::in)), -1);
+        sb.str(vrk::string("xyz", 3, alloc));
+        sb.sputc('Q');                    // writing starts at the beginning
+        EXPECT_EQ(sb.overflow('R'), 'R'); // room left: stored without growth
+        EXPECT_EQ(sb.overflow(-1), 0);    // nothing to store
+        EXPECT_STREQ(sb.c_str(), "QRz");
+        const long before = alloc.allocations();
+        sb.clear();
+        sb.sputn("ab", 2);
+        EXPECT_STREQ(sb.c_str(), "ab");
+        EXPECT_EQ(alloc.allocations(), before); // the storage was kept
+        sb.clear(true);
+        EXPECT_EQ(alloc.balance(), 0);
+        EXPECT_STREQ(sb.c_str(), "");
+
+        open_stringbuf in(vrk::string("abc", 3, alloc), alloc, ios_base::in);
+        EXPECT_EQ(in.size(), 3u);
+        EXPECT_EQ(vrk_test::text_of(in.str()), "abc");
+        char mine[3] = {'k', 'l', 'm'};
+        EXPECT_EQ(in.setbuf(nullptr, 3), &in);
+        in.setbuf(mine, 3);
+        EXPECT_EQ(in.sgetc(), 'k');
+        EXPECT_EQ(in.c_str(), nullptr); // the text is not the string's
+
+        // A caller's array is never replaced by string storage.
+        open_stringbuf out(ios_base::out, alloc);
+        char arr[4];
+        out.setbuf(arr, 4);
+        const long requests = alloc.requests();
+        EXPECT_EQ(out.sputn("abcdef", 6), 4);
+        EXPECT_EQ(alloc.requests(), requests);
+        vrk::ostream os(&out);
+        os << "x";
+        EXPECT_EQ(os.rdstate(), ios_base::badbit);
+        EXPECT_EQ(out.c_str(), nullptr); // no room for a terminator
+        EXPECT_EQ(out.sgetc(), -1);
+        EXPECT_EQ(out.in_avail(), -1);
+        vrk::string taken(alloc);
+        out.swap(taken);
+        EXPECT_EQ(vrk_test::text_of(taken), "abcd");
+    }
+    EXPECT_EQ(alloc.balance(), 0);
+}
+
+TEST(StringBuf, ReadingAndPutBack) {
+    vrk_test::test_allocator alloc;
+    {
+        // Called directly, put-back also steps back over the same character
+        // and over none (buffer users ask only for other characters).
         open_stringbuf in("abc", 3, alloc, ios_base::in);
-        EXPECT_EQ(in.sbumpc(), 'a');
-        EXPECT_EQ(in.sbumpc(), 'b');
-        EXPECT_EQ(in.pbackfail('b'), 'b'); // same character: a step back
-        EXPECT_EQ(in.sgetc(), 'b');
-        EXPECT_EQ(in.pbackfail('x'), -1); // different, input only
-        EXPECT_EQ(in.sputc('z'), -1);     // no writing on input only
-        EXPECT_EQ(static_cast<vrk::streamoff>(in.seekpos(0, ios_base::in)), 0);
-        EXPECT_EQ(in.pbackfail('q'), -1); // nothing before the start
-        EXPECT_EQ(static_cast<vrk::streamoff>(in.seekoff(-1, ios_base::end, ios_base::in)), 2);
-        EXPECT_EQ(in.sbumpc(), 'c');
-        EXPECT_EQ(in.sgetc(), -1);
+        in.sbumpc();
+        in.sbumpc();
+        EXPECT_EQ(in.pbackfail('b'), 'b');
         EXPECT_EQ(in.pbackfail(-1), 0);
-        EXPECT_EQ(in.sgetc(), 'c');
+        EXPECT_EQ(in.sgetc(), 'a');
     }
     {
         // In and out: what was written can be read, and put-back overwrites.
@@ -250,37 +285,7 @@ TEST(StringBuf, ReadingSeekingAndPutBack) {
         EXPECT_STREQ(ss.c_str(), "12 Qb");
         EXPECT_EQ(ss.get(), 'Q');
     }
-    {
-        // Growth while reading: the read position survives the move.
-        vrk::sstream ss(alloc);
-        std::string all;
-        for (int i = 0; i < 1500; ++i)
-            all += static_cast<char>('A' + i % 23);
-        ss.write(all.data(), 600);
-        char head[10];
-        ss.read(head, 10);
-        ss.write(all.data() + 600, 900);
-        std::string rest(1490, '\0');
-        ss.read(rest.data(), 1490);
-        EXPECT_EQ(std::string(head, 10) + rest, all);
-        EXPECT_EQ(ss.rdbuf()->in_avail(), 0);
-    }
     EXPECT_EQ(alloc.balance(), 0);
-}
-
-TEST(StringBuf, ACallersArrayIsNeverReplacedByStringStorage) {
-    vrk_test::test_allocator alloc;
-    char array[5];
-    open_stringbuf sb(ios_base::out, alloc);
-    sb.setbuf(array, 4);
-    EXPECT_EQ(sb.sputn("abcdef", 6), 4);
-    EXPECT_EQ(std::string(array, 4), "abcd");
-    EXPECT_EQ(alloc.allocations(), 0);
-    EXPECT_EQ(sb.c_str(), nullptr); // full: no room for a NUL
-
-    vrk::ostream os(&sb);
-    os << "x";
-    EXPECT_EQ(os.rdstate(), ios_base::badbit);
 }
 
 TEST_F(StringBufFailure, GrowthFailureIsRethrownUnderBadbitWithoutLeaks) {

@@ -11,10 +11,13 @@
 
 #include <gtest/gtest.h>
 
+#include "support/forms.hpp"
 #include "support/test_host.hpp"
 #include "vrk/string.hpp"
 
 namespace {
+
+using vrk_test::text_of;
 
 // A text of n characters that differ from their neighbours.
 std::string pattern(size_t n) {
@@ -23,7 +26,6 @@ std::string pattern(size_t n) {
         s += static_cast<char>('a' + i % 26);
     return s;
 }
-std::string text_of(const vrk::string& s) { return std::string(s.data(), s.size()); }
 // Reads without unsharing (the non-const data() makes the storage exclusive).
 const char* cdata(const vrk::string& s) { return s.data(); }
 

@@ -11,8 +11,6 @@ basic_ios<char>::basic_ios() noexcept
     : tie_(nullptr), fill_(0), fill_init_(false), streambuf_(nullptr), ctype_(nullptr),
       num_put_(nullptr), num_get_(nullptr) {}
 
-basic_ios<char>::basic_ios(basic_streambuf<char>* sb) : basic_ios() { init(sb); }
-
 basic_ios<char>::~basic_ios() = default;
 
 void basic_ios<char>::init(basic_streambuf<char>* sb, iostate st) {
@@ -50,13 +48,6 @@ void basic_ios<char>::clear(iostate s) {
     buf_state_ = state;
     if ((exception_ & state) != 0)
         throwIOSFailure(IOS_FILE, __LINE__, "basic_ios::clear");
-}
-
-basic_streambuf<char>* basic_ios<char>::rdbuf(basic_streambuf<char>* sb) {
-    basic_streambuf<char>* old = streambuf_;
-    streambuf_ = sb;
-    clear();
-    return old;
 }
 
 locale basic_ios<char>::imbue(const locale& loc) {

@@ -47,7 +47,6 @@ public:
         iostate exception_;
     };
 
-    explicit basic_ios(basic_streambuf<char>* sb);
     ~basic_ios() override;
 
     explicit operator bool() const noexcept { return !fail(); }
@@ -71,8 +70,6 @@ public:
     }
 
     basic_streambuf<char>* rdbuf() const noexcept { return streambuf_; }
-    // Installs `sb` and clears the state; returns the previous buffer.
-    basic_streambuf<char>* rdbuf(basic_streambuf<char>* sb);
 
     basic_ostream<char>* tie() const noexcept { return tie_; }
     basic_ostream<char>* tie(basic_ostream<char>* t) noexcept {

@@ -144,9 +144,7 @@ basic_istream<char>& basic_istream<char>::unget() {
     sentry ok(*this, true);
     if (!ok)
         return *this;
-    int r = 0;
-    if (impl::stream_region(*this, [&] { r = rdbuf()->sungetc(); }) && r == END)
-        setstate(badbit);
+    impl::buffer_op(*this, [&] { return rdbuf()->sungetc() != END; });
     return *this;
 }
 
@@ -156,9 +154,7 @@ basic_istream<char>& basic_istream<char>::putback(char c) {
     sentry ok(*this, true);
     if (!ok)
         return *this;
-    int r = 0;
-    if (impl::stream_region(*this, [&] { r = rdbuf()->sputbackc(c); }) && r == END)
-        setstate(badbit);
+    impl::buffer_op(*this, [&] { return rdbuf()->sputbackc(c) != END; });
     return *this;
 }
 
@@ -207,33 +203,10 @@ basic_istream<char>& basic_istream<char>::operator>>(unsigned long long& v) {
 }
 
 streampos basic_istream<char>::tellg() {
-    if (fail())
-        return streampos(-1);
     streampos r(-1);
-    impl::stream_region(*this, [&] { r = rdbuf()->pubseekoff(0, cur, in); });
+    if (!fail())
+        impl::stream_region(*this, [&] { r = rdbuf()->pubseekoff(0, cur, in); });
     return r;
-}
-
-basic_istream<char>& basic_istream<char>::seekg(streampos pos) {
-    clear(rdstate() & ~eofbit);
-    if (fail())
-        return *this;
-    streampos r(-1);
-    if (impl::stream_region(*this, [&] { r = rdbuf()->pubseekpos(pos, in); }) &&
-        static_cast<streamoff>(r) == -1)
-        setstate(failbit);
-    return *this;
-}
-
-basic_istream<char>& basic_istream<char>::seekg(streamoff off, seekdir way) {
-    clear(rdstate() & ~eofbit);
-    if (fail())
-        return *this;
-    streampos r(-1);
-    if (impl::stream_region(*this, [&] { r = rdbuf()->pubseekoff(off, way, in); }) &&
-        static_cast<streamoff>(r) == -1)
-        setstate(failbit);
-    return *this;
 }
 
 namespace impl {

@@ -73,8 +73,6 @@ public:
 
     // The get position, -1 after a failure or when the buffer cannot tell.
     streampos tellg();
-    basic_istream& seekg(streampos pos);
-    basic_istream& seekg(streamoff off, seekdir way);
 
 protected:
     // For basic_iostream, which initializes the shared basic_ios itself.

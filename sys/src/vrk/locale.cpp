@@ -39,11 +39,4 @@ const locale& locale::classic() noexcept { return classic_locale(); }
 
 locale locale::none() noexcept { return locale(none_tag{}); }
 
-bool operator==(const locale& a, const locale& b) noexcept {
-    for (size_t i = 0; i < locale::MAX_FACETS; ++i)
-        if (a.p_facets_[i] != b.p_facets_[i])
-            return false;
-    return true;
-}
-
 } // namespace vrk

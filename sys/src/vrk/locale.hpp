@@ -63,8 +63,6 @@ public:
     // The facet of slot `slot`; the caller has checked it with getFacet_.
     const facet& useFacet_(size_t slot) const noexcept { return *p_facets_[slot]; }
 
-    friend bool operator==(const locale& a, const locale& b) noexcept;
-
 private:
     struct none_tag {};
     explicit locale(none_tag) noexcept;

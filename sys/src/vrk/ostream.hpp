@@ -98,11 +98,6 @@ public:
     basic_ostream& write(const char* s, streamsize n) { return impl::ostreamWrite(*this, s, n); }
     basic_ostream& flush() { return impl::ostreamFlush(*this); }
 
-    // The put position, -1 after a failure or when the buffer cannot tell.
-    streampos tellp();
-    basic_ostream& seekp(streampos pos);
-    basic_ostream& seekp(streamoff off, seekdir way);
-
 protected:
     // For streams that derive from this one and from basic_istream: the
     // basic_istream part initializes the shared basic_ios.
@@ -140,6 +135,5 @@ inline basic_ostream<char>& operator<<(basic_ostream<char>& os, const unsigned c
 basic_ostream<char>& endl(basic_ostream<char>& os);
 // A NUL character.
 basic_ostream<char>& ends(basic_ostream<char>& os);
-basic_ostream<char>& flush(basic_ostream<char>& os);
 
 } // namespace vrk

@@ -106,14 +106,11 @@ const char* basic_stringbuf<char>::c_str() {
         return (mode_ & impl::in) != 0 && in_beg_ != nullptr && !own_storage_(in_beg_)
                    ? nullptr
                    : string_.c_str();
+    // A caller's array from setbuf: its get area ends with it, so the text
+    // fills it and leaves no room for a terminator.
+    if (!own_storage_(out_beg_))
+        return nullptr;
     char* end = text_end_();
-    if (!own_storage_(out_beg_)) {
-        // A caller's array: terminate it only when there is room.
-        if (end >= out_end_)
-            return nullptr;
-        *end = '\0';
-        return out_beg_;
-    }
     // The storage is exclusive and large enough, so the string only takes
     // the new length (and its NUL) without moving.
     string_.raw_resize(static_cast<size_t>(end - out_beg_), false);

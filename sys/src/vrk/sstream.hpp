@@ -39,7 +39,7 @@ public:
     void str(const char* s, size_t n);
     void str(const basic_string<char>& s) { str(s.data(), s.size()); }
     // The text, NUL-terminated, valid until the next write. Null when the
-    // text lives in a full array given to setbuf.
+    // text lives in an array given to setbuf.
     const char* c_str();
     // Characters of the text.
     size_t size() const noexcept;
@@ -83,72 +83,66 @@ private:
     impl::IosOpenmode mode_;
 };
 
-template <> class basic_ostringstream<char> : public basic_ostream<char> {
+namespace impl {
+
+// A stream over its own string buffer: `Stream` is basic_ostream,
+// basic_istream or basic_iostream; the string streams add their constructors.
+template <class Stream> class string_stream_ : public Stream {
 public:
-    explicit basic_ostringstream(allocator& ma)
-        : basic_ostream<char>(&stringbuf_), stringbuf_(impl::out, ma) {}
+    basic_stringbuf<char>* rdbuf() const noexcept {
+        return const_cast<basic_stringbuf<char>*>(&stringbuf_);
+    }
+    basic_string<char> str() const { return stringbuf_.str(); }
+    void str(const basic_string<char>& s) { stringbuf_.str(s); }
+    const char* c_str() { return stringbuf_.c_str(); }
+    void swap(basic_string<char>& s) { stringbuf_.swap(s); }
+
+protected:
+    // The stream is given the buffer before the buffer is built, as it only
+    // keeps the pointer.
+    template <class... Args>
+    explicit string_stream_(Args&&... args)
+        : Stream(&stringbuf_), stringbuf_(static_cast<Args&&>(args)...) {}
+    ~string_stream_() override = default;
+
+private:
+    basic_stringbuf<char> stringbuf_;
+};
+
+} // namespace impl
+
+template <> class basic_ostringstream<char> : public impl::string_stream_<basic_ostream<char>> {
+public:
+    explicit basic_ostringstream(allocator& ma) : string_stream_(impl::out, ma) {}
     basic_ostringstream(impl::IosOpenmode mode, allocator& ma)
-        : basic_ostream<char>(&stringbuf_), stringbuf_(mode | impl::out, ma) {}
+        : string_stream_(mode | impl::out, ma) {}
     // `st` is the initial exceptions mask.
     basic_ostringstream(impl::IosOpenmode mode, ios_base::iostate st, allocator& ma)
-        : basic_ostream<char>(&stringbuf_), stringbuf_(mode | impl::out, ma) {
+        : string_stream_(mode | impl::out, ma) {
         exceptions(st);
     }
     explicit basic_ostringstream(const basic_string<char>& s, impl::IosOpenmode mode = impl::out)
-        : basic_ostream<char>(&stringbuf_), stringbuf_(s, mode | impl::out) {}
+        : string_stream_(s, mode | impl::out) {}
     ~basic_ostringstream() override;
-
-    basic_stringbuf<char>* rdbuf() const noexcept {
-        return const_cast<basic_stringbuf<char>*>(&stringbuf_);
-    }
-    basic_string<char> str() const { return stringbuf_.str(); }
-    void str(const basic_string<char>& s) { stringbuf_.str(s); }
-    const char* c_str() { return stringbuf_.c_str(); }
-    void swap(basic_string<char>& s) { stringbuf_.swap(s); }
-
-private:
-    basic_stringbuf<char> stringbuf_;
 };
 
-template <> class basic_istringstream<char> : public basic_istream<char> {
+template <> class basic_istringstream<char> : public impl::string_stream_<basic_istream<char>> {
 public:
-    explicit basic_istringstream(allocator& ma)
-        : basic_istream<char>(&stringbuf_), stringbuf_(impl::in, ma) {}
+    explicit basic_istringstream(allocator& ma) : string_stream_(impl::in, ma) {}
     explicit basic_istringstream(const basic_string<char>& s, impl::IosOpenmode mode = impl::in)
-        : basic_istream<char>(&stringbuf_), stringbuf_(s, mode | impl::in) {}
+        : string_stream_(s, mode | impl::in) {}
     basic_istringstream(const char* s, size_t n, allocator& ma)
-        : basic_istream<char>(&stringbuf_), stringbuf_(s, n, ma, impl::in) {}
+        : string_stream_(s, n, ma, impl::in) {}
     ~basic_istringstream() override;
-
-    basic_stringbuf<char>* rdbuf() const noexcept {
-        return const_cast<basic_stringbuf<char>*>(&stringbuf_);
-    }
-    basic_string<char> str() const { return stringbuf_.str(); }
-    void str(const basic_string<char>& s) { stringbuf_.str(s); }
-
-private:
-    basic_stringbuf<char> stringbuf_;
 };
 
-template <> class basic_stringstream<char> : public basic_iostream<char> {
+template <> class basic_stringstream<char> : public impl::string_stream_<basic_iostream<char>> {
 public:
-    explicit basic_stringstream(allocator& ma)
-        : basic_iostream<char>(&stringbuf_), stringbuf_(impl::in | impl::out, ma) {}
+    explicit basic_stringstream(allocator& ma) : string_stream_(impl::in | impl::out, ma) {}
     explicit basic_stringstream(const basic_string<char>& s,
                                 impl::IosOpenmode mode = impl::in | impl::out)
-        : basic_iostream<char>(&stringbuf_), stringbuf_(s, mode) {}
+        : string_stream_(s, mode) {}
     ~basic_stringstream() override;
-
-    basic_stringbuf<char>* rdbuf() const noexcept {
-        return const_cast<basic_stringbuf<char>*>(&stringbuf_);
-    }
-    basic_string<char> str() const { return stringbuf_.str(); }
-    void str(const basic_string<char>& s) { stringbuf_.str(s); }
-    const char* c_str() { return stringbuf_.c_str(); }
-    void swap(basic_string<char>& s) { stringbuf_.swap(s); }
-
-private:
-    basic_stringbuf<char> stringbuf_;
 };
 
 // Formatted insertion of a string's text (padded to the width).

@@ -51,12 +51,4 @@ ctype<char>::~ctype() = default;
 
 const ctype_base::mask* ctype<char>::classic_table() noexcept { return CLASSIC_TABLE.data(); }
 
-char ctype<char>::toupper(char c) const noexcept {
-    return is(lower, c) ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
-char ctype<char>::tolower(char c) const noexcept {
-    return is(upper, c) ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 } // namespace vrk

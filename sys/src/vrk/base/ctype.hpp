@@ -47,8 +47,6 @@ public:
     }
     char widen(char c) const noexcept { return c; }
     char narrow(char c, char /*dfault*/) const noexcept { return c; }
-    char toupper(char c) const noexcept;
-    char tolower(char c) const noexcept;
 
     const mask* table() const noexcept { return p_table_; }
     static const mask* classic_table() noexcept;

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 namespace vrk {
 
@@ -86,38 +87,22 @@ template <class T, size_t N> char* itoa(T i, char (&buf)[N]) noexcept;
 namespace impl {
 
 // What a value is taken as: its unsigned bit pattern and whether decimal text
-// carries a sign. Only the six supported types have a definition.
-template <class T> struct itoa_traits_;
-template <> struct itoa_traits_<unsigned long> {
-    using unsigned_type = unsigned long;
-    static constexpr bool SIGNED = false;
-    static unsigned_type bits(unsigned long v) noexcept { return v; }
-};
-template <> struct itoa_traits_<long> {
-    using unsigned_type = unsigned long;
-    static constexpr bool SIGNED = true;
-    static unsigned_type bits(long v) noexcept { return static_cast<unsigned long>(v); }
-};
-template <> struct itoa_traits_<unsigned int> {
-    using unsigned_type = unsigned int;
-    static constexpr bool SIGNED = false;
-    static unsigned_type bits(unsigned int v) noexcept { return v; }
-};
-template <> struct itoa_traits_<int> {
-    using unsigned_type = unsigned int;
-    static constexpr bool SIGNED = true;
-    static unsigned_type bits(int v) noexcept { return static_cast<unsigned int>(v); }
-};
-template <> struct itoa_traits_<unsigned char> {
-    using unsigned_type = unsigned int;
-    static constexpr bool SIGNED = false;
-    static unsigned_type bits(unsigned char v) noexcept { return v; }
-};
-// Plain char is unsigned in this library whatever the compiler thinks.
-template <> struct itoa_traits_<char> {
-    using unsigned_type = unsigned int;
-    static constexpr bool SIGNED = false;
-    static unsigned_type bits(char v) noexcept { return static_cast<unsigned char>(v); }
+// carries a sign. Only the six supported types are accepted; plain char is
+// unsigned in this library whatever the compiler thinks.
+template <class T> struct itoa_traits_ {
+    static_assert(std::is_same_v<T, unsigned long> || std::is_same_v<T, long> ||
+                      std::is_same_v<T, unsigned int> || std::is_same_v<T, int> ||
+                      std::is_same_v<T, unsigned char> || std::is_same_v<T, char>,
+                  "integer text is written for long, int, char and their unsigned types");
+    using unsigned_type =
+        std::conditional_t<(sizeof(T) > sizeof(unsigned int)), unsigned long, unsigned int>;
+    static constexpr bool SIGNED = std::is_same_v<T, long> || std::is_same_v<T, int>;
+    static unsigned_type bits(T v) noexcept {
+        if constexpr (sizeof(T) == 1)
+            return static_cast<unsigned char>(v);
+        else
+            return static_cast<unsigned_type>(v);
+    }
 };
 
 inline constexpr char HEX_LOWER_[37] = "0123456789abcdefghijklmnopqrstuvwxyz";

@@ -25,4 +25,16 @@ template <class F> bool stream_region(basic_ios<char>& s, F&& f) {
         s, [](void* p) { (*static_cast<fn_type*>(p))(); }, static_cast<void*>(&f));
 }
 
+// A call into the buffer whose failure is badbit: `op` returns false when
+// the buffer refused. True when `op` succeeded; false when it failed or an
+// exception left it and was absorbed.
+template <class Op> bool buffer_op(basic_ios<char>& s, Op&& op) {
+    bool done = false;
+    if (!stream_region(s, [&] { done = op(); }))
+        return false;
+    if (!done)
+        s.setstate(ios_base::badbit);
+    return done;
+}
+
 } // namespace vrk::impl
