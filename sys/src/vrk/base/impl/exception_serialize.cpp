@@ -190,6 +190,8 @@ public:
         size_ += 4;
     }
     void bytes(const char* p, size_t len) {
+        if (len == 0)
+            return; // `p` may be null: a node without a file name
         if (len > CAPACITY - size_) {
             flush();
             if (len > CAPACITY / 2) {
