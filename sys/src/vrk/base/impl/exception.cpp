@@ -31,12 +31,12 @@ std::mutex g_link_lock;
 // behind it stay linked and its chain grows only at the end, so `last` is
 // still in that chain and the search goes on from there; every block's
 // release clears its own entry before its memory can come back as another
-// block. `first` and `last` are written under the link lock; the release
-// reads and clears `first` without it. An append whose block shares an entry
+// block. `first_` and `last_` are written under the link lock; the release
+// reads and clears `first_` without it. An append whose block shares an entry
 // with another chain's block walks from the start, as without the table.
 struct last_block_entry {
-    std::atomic<const volatile exception_data*> first{nullptr};
-    volatile exception_data* last = nullptr;
+    std::atomic<const volatile exception_data*> first_{nullptr};
+    volatile exception_data* last_ = nullptr;
 };
 constexpr size_t LAST_BLOCK_ENTRIES = 64;
 last_block_entry g_last_blocks[LAST_BLOCK_ENTRIES];
@@ -51,14 +51,14 @@ last_block_entry& last_block_entry_of(const volatile exception_data* block) noex
 volatile exception_data* last_block(volatile exception_data* first) noexcept {
     const last_block_entry& entry = last_block_entry_of(first);
     volatile exception_data* last =
-        entry.first.load(std::memory_order_relaxed) == first ? entry.last : first;
+        entry.first_.load(std::memory_order_relaxed) == first ? entry.last_ : first;
     while (volatile exception_data* next = last->next())
         last = next;
     return last;
 }
 
 void forget_last_block(const volatile exception_data* released) noexcept {
-    std::atomic<const volatile exception_data*>& first = last_block_entry_of(released).first;
+    std::atomic<const volatile exception_data*>& first = last_block_entry_of(released).first_;
     if (first.load(std::memory_order_relaxed) == released)
         first.compare_exchange_strong(released, nullptr, std::memory_order_relaxed);
 }
@@ -314,8 +314,8 @@ void exception::append_exp(const exception& a) noexcept {
     __atomic_store_n(&last->p_next_, a.p_fst_, __ATOMIC_RELEASE);
     a.p_fst_->update_pred(last);
     last_block_entry& entry = last_block_entry_of(p_fst_);
-    entry.last = a_last;
-    entry.first.store(p_fst_, std::memory_order_relaxed);
+    entry.last_ = a_last;
+    entry.first_.store(p_fst_, std::memory_order_relaxed);
     p_fst_->clear_done();
     // No separate fence: the link was published by a release store and the
     // predecessor word by a release of its slot lock, which order every
