@@ -11,8 +11,13 @@
 //   throw_catch        create with stack capture, throw, catch at depth 1 and
 //                      10 / std::runtime_error
 //   throw_catch_2thr   the same in two threads at once
+//   throw_idiom        the hand-written throw: a local object,
+//                      register_on_thread(), do_throw(), depth 1 /
+//                      std::runtime_error
 //   chain_walk         two linked exceptions walked with get_next() /
 //                      std::throw_with_nested and std::rethrow_if_nested
+//   chain_append       50,000 exceptions appended to one chain / 10,000 of
+//                      them: how an append's cost grows with the chain
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -119,11 +124,10 @@ void build_print_snprintf_malloc(benchmark::State& state) {
 void build_print_ostringstream(benchmark::State& state) {
     for (auto _ : state) {
         std::ostringstream os;
-        os << "exception" << std::setw(3) << 1 << ": no." << 1001 << "  (" << FILE_NAME << ':'
-           << 41 << ")\n    Runtime error\n";
+        os << "exception" << std::setw(3) << 1 << ": no." << 1001 << "  (" << FILE_NAME << ':' << 41
+           << ")\n    Runtime error\n";
         os << "exception" << std::setw(3) << 1 << ": no." << 2 << "  (" << FILE_NAME << ':' << 42
-           << ")\n    Cannot open " << FILE_ARG << ": error " << 2 << " after " << 3
-           << " tries\n";
+           << ")\n    Cannot open " << FILE_ARG << ": error " << 2 << " after " << 3 << " tries\n";
         os << "NO exception throw location recorded. Stack generation suppressed.\n";
         benchmark::DoNotOptimize(os.str());
     }
@@ -139,9 +143,7 @@ __attribute__((noinline)) void raise_vrk() {
     VRK_THROW_AT(FILE_NAME, __LINE__, vrk::runtime_error, vrk::ERR_VRK_RUNTIME);
 }
 
-__attribute__((noinline)) void raise_std() {
-    throw std::runtime_error("Runtime error");
-}
+__attribute__((noinline)) void raise_std() { throw std::runtime_error("Runtime error"); }
 
 __attribute__((noinline)) void throw_at(int depth, void (*raise)()) {
     if (depth > 1) {
@@ -152,10 +154,16 @@ __attribute__((noinline)) void throw_at(int depth, void (*raise)()) {
     raise();
 }
 
-void throw_catch_vrk(benchmark::State& state, int depth) {
+__attribute__((noinline)) void raise_vrk_idiom() {
+    vrk::runtime_error e(FILE_NAME, __LINE__, vrk::ERR_VRK_RUNTIME);
+    e.register_on_thread();
+    e.do_throw();
+}
+
+void throw_catch_vrk(benchmark::State& state, int depth, void (*raise)() = raise_vrk) {
     for (auto _ : state) {
         try {
-            throw_at(depth, raise_vrk);
+            throw_at(depth, raise);
         } catch (const vrk::exception& e) {
             e.mark_processed();
             benchmark::DoNotOptimize(e.error_no());
@@ -210,6 +218,24 @@ void chain_walk_nested(benchmark::State& state) {
     }
 }
 
+// Appends `count` exceptions (no stack capture) behind one, and releases the
+// chain.
+void append_chain(int count) {
+    vrk::exception head(FILE_NAME, 1, vrk::ERR_VRK_RUNTIME,
+                        vrk::exception::CALLER_SUPPRESS_STACK_TRACE);
+    for (int i = 0; i < count; ++i) {
+        vrk::exception e(FILE_NAME, 2, vrk::ERR_VRK_LOGIC,
+                         vrk::exception::CALLER_SUPPRESS_STACK_TRACE);
+        head.append_exp(e);
+    }
+    head.mark_processed();
+}
+
+void chain_append(benchmark::State& state, int count) {
+    for (auto _ : state)
+        append_chain(count);
+}
+
 } // namespace
 
 BENCHMARK(handle_copy_vrk)->Name("handle_copy/1thr/vrk");
@@ -224,6 +250,8 @@ BENCHMARK(build_print_ostringstream)->Name("build_print/ostringstream");
 
 BENCHMARK_CAPTURE(throw_catch_vrk, d1, 1)->Name("throw_catch/depth1/vrk");
 BENCHMARK_CAPTURE(throw_catch_runtime_error, d1, 1)->Name("throw_catch/depth1/runtime_error");
+BENCHMARK_CAPTURE(throw_catch_vrk, idiom, 1, raise_vrk_idiom)->Name("throw_idiom/depth1/vrk");
+BENCHMARK_CAPTURE(throw_catch_runtime_error, idiom, 1)->Name("throw_idiom/depth1/runtime_error");
 BENCHMARK_CAPTURE(throw_catch_vrk, d10, 10)->Name("throw_catch/depth10/vrk");
 BENCHMARK_CAPTURE(throw_catch_runtime_error, d10, 10)->Name("throw_catch/depth10/runtime_error");
 BENCHMARK_CAPTURE(throw_catch_vrk, d10, 10)
@@ -237,5 +265,11 @@ BENCHMARK_CAPTURE(throw_catch_runtime_error, d10, 10)
 
 BENCHMARK(chain_walk_vrk)->Name("chain_walk/vrk");
 BENCHMARK(chain_walk_nested)->Name("chain_walk/nested");
+BENCHMARK_CAPTURE(chain_append, n50000, 50000)
+    ->Name("chain_append_50000/vrk")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(chain_append, n10000, 10000)
+    ->Name("chain_append_50000/vrk_10000")
+    ->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

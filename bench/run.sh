@@ -6,7 +6,7 @@
 #   bench/run.sh --smoke [build-dir]                      run each case once, no table
 #
 # A benchmark named "<case>/vrk" is ours; every "<case>/<other>" is a peer.
-# Each binary runs with three repetitions and the table shows the medians.
+# Each binary runs with five repetitions and the table shows the medians.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -31,7 +31,7 @@ out="$(mktemp -d)"
 trap 'rm -rf "$out"' EXIT
 echo "load: $(uptime)"
 for b in "${benches[@]}"; do
-  "$build/bench/$b" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
+  "$build/bench/$b" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
     --benchmark_format=json --benchmark_out_format=json --benchmark_out="$out/$b.json" \
     "$@" >/dev/null
 done

@@ -34,6 +34,20 @@ TEST_F(ExceptionChain, AppendsLinkBehindTheLastBlockInOrder) {
     EXPECT_EQ(count_of(b), 1u) << "appending takes no reference";
 }
 
+TEST_F(ExceptionChain, AppendsThroughAnyMemberFindTheEndAndRefuseLoops) {
+    for (int round = 0; round < 2; ++round) { // the second reuses the first's memory
+        exception a("f", 1, A), b("f", 2, B), c("f", 3, C), d("f", 4, D);
+        a << b;
+        exception mid = a.get_next();
+        mid << c; // the end a's last append left behind has moved
+        a << d;
+        b << a;   // a loop, through the first block
+        mid << a; // and through a later one
+        EXPECT_EQ(chain_numbers(a), (std::vector<int>{1, 2, 3, 4}));
+        EXPECT_EQ(pred_of(a), nullptr);
+    }
+}
+
 TEST_F(ExceptionChain, WordsInTheSameLockSlotStayIndependent) {
     alignas(16) vrk::atomic_dword_t words[702 * 2 / 2 + 1] = {};
     // words[0] and words[701] lie 701 * 16 bytes apart: the same slot.

@@ -136,8 +136,15 @@ TEST_F(Serialize, WriterKeepsEveryTextInSmallAllocationsOrFailsTheStream) {
     exception quiet("db.src", -7, BOOM, NO_STACK);
     quiet.append_message(nullptr, 8, 9, "");
     args << quiet;
+    // Texts about as long as the writer gathers and the reader reads with
+    // the word behind them.
+    static const std::string names[] = {std::string(250, 'f'), std::string(256, 'g'),
+                                        std::string(257, 'h'), std::string(300, 'i')};
+    exception edges(names[0].c_str(), 1, BOOM, nullptr);
+    for (int i = 0; i < 40; ++i)
+        edges.append_message(names[i % 4].c_str(), i, i, std::string(235 + i, 'm').c_str());
     auto& def = vrk_test::default_test_allocator();
-    for (const exception* e : {&one, &chain, &args}) {
+    for (const exception* e : {&one, &chain, &args, &edges}) {
         def.reset_requests();
         vrk::osstream os(alloc_);
         e->serialize(os, false);
@@ -190,6 +197,8 @@ TEST_F(Serialize, ReaderErrorsNameWhatWasReadAndAllocateInStepWithTheInput) {
         {wire({HEAD, CHECK, NODE, 1, 0, 2, 0, 0xFFFFFFFFu}),
          length + "4294967295, limit: 16777216\n"},
         {wire({HEAD, CHECK, NODE, 1, 0, 2, 0, MAX + 1}), length + "16777217, limit: 16777216\n"},
+        {wire({HEAD, CHECK, NODE, 1, 0, 2, 5}, 3), ends + "5 bytes expected, 3 read\n"},
+        {wire({HEAD, CHECK, NODE, 1, 0, 2, 0, 5}, 4), ends + "5 bytes expected, 4 read\n"},
         {wire({HEAD, CHECK, NODE, 1, 0, 2, MAX}, 1000),
          ends + "16777216 bytes expected, 1000 read\n", 64 * 1024},
         {wire({HEAD, CHECK, NODE, 1, 0, 2, 0, MAX - 1}, 200000),

@@ -4,6 +4,7 @@
 
 #include <cxxabi.h>
 
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -23,6 +24,44 @@ namespace {
 // releases and walks never take it. Slot locks are taken under it, never the
 // other way round, and nothing under it calls out.
 std::mutex g_link_lock;
+
+// Where recently extended chains end, so that appending to a long chain does
+// not walk it again: an entry (first, last) says that `last` was the last
+// block behind `first` when it was written. While `first` lives the blocks
+// behind it stay linked and its chain grows only at the end, so `last` is
+// still in that chain and the search goes on from there; every block's
+// release clears its own entry before its memory can come back as another
+// block. `first_` and `last_` are written under the link lock; the release
+// reads and clears `first_` without it. An append whose block shares an entry
+// with another chain's block walks from the start, as without the table.
+struct last_block_entry {
+    std::atomic<const volatile exception_data*> first_{nullptr};
+    volatile exception_data* last_ = nullptr;
+};
+constexpr size_t LAST_BLOCK_ENTRIES = 64;
+last_block_entry g_last_blocks[LAST_BLOCK_ENTRIES];
+
+last_block_entry& last_block_entry_of(const volatile exception_data* block) noexcept {
+    // Blocks are 16-byte aligned: the low four bits say nothing.
+    return g_last_blocks[(reinterpret_cast<uintptr_t>(block) >> 4) % LAST_BLOCK_ENTRIES];
+}
+
+// The last block of the chain behind `first`, which the caller holds; under
+// the link lock.
+volatile exception_data* last_block(volatile exception_data* first) noexcept {
+    const last_block_entry& entry = last_block_entry_of(first);
+    volatile exception_data* last =
+        entry.first_.load(std::memory_order_relaxed) == first ? entry.last_ : first;
+    while (volatile exception_data* next = last->next())
+        last = next;
+    return last;
+}
+
+void forget_last_block(const volatile exception_data* released) noexcept {
+    std::atomic<const volatile exception_data*>& first = last_block_entry_of(released).first_;
+    if (first.load(std::memory_order_relaxed) == released)
+        first.compare_exchange_strong(released, nullptr, std::memory_order_relaxed);
+}
 const exception* const NOT_REGISTERED = reinterpret_cast<const exception*>(uintptr_t{1});
 const char* const UNDEFINED_FILE_NAME = "UNDEFINED FILE NAME";
 } // namespace
@@ -156,6 +195,7 @@ void exception::release_chain_() noexcept {
     // Release this block and every following one that nobody else holds.
     for (;;) {
         volatile exception_data* next = block->next();
+        forget_last_block(block);
         exception_data::destroy(block);
         if (next == nullptr || !next->unlink_pred())
             break;
@@ -260,20 +300,22 @@ void exception::append_exp(const exception& a) noexcept {
         return;
     const std::lock_guard<std::mutex> hold(g_link_lock);
     // Appending a chain that already holds this block would close a loop
-    // that nothing ever releases: refuse it. Under the link lock no chain
-    // grows while it is walked, so the answer still holds when linking.
-    for (volatile exception_data* b = a.p_fst_->next(); b != nullptr; b = b->next())
-        if (b == p_fst_)
-            return;
-    if (!a.p_fst_->lock_chain())
+    // that nothing ever releases: refuse it. Both blocks are held, so the
+    // chains behind them stay linked, and under the link lock neither grows:
+    // they end in the same block exactly when one lies in the other's chain.
+    // If this block lies behind `a`'s, that is the loop; if `a`'s lies behind
+    // this one, it has a predecessor and the claim below refuses it anyway.
+    volatile exception_data* const last = last_block(p_fst_);
+    volatile exception_data* const a_last = last_block(a.p_fst_);
+    if (last == a_last || !a.p_fst_->lock_chain())
         return;
     // The link lock keeps every other writer off the last block's link: a
     // release store publishes it to the walkers, which read it with acquire.
-    volatile exception_data* last = p_fst_;
-    while (volatile exception_data* next = last->next())
-        last = next;
     __atomic_store_n(&last->p_next_, a.p_fst_, __ATOMIC_RELEASE);
     a.p_fst_->update_pred(last);
+    last_block_entry& entry = last_block_entry_of(p_fst_);
+    entry.last_ = a_last;
+    entry.first_.store(p_fst_, std::memory_order_relaxed);
     p_fst_->clear_done();
     // No separate fence: the link was published by a release store and the
     // predecessor word by a release of its slot lock, which order every

@@ -18,12 +18,13 @@ namespace vrk {
 // ---------------------------------------------------------------------------
 // Prefixes and lines
 //
-// A printed line is a dozen small insertions and as many text pieces as the
-// message has placeholders. When the stream would render them exactly as
-// plain text (good, no pending width, no tie, no unit buffering, the classic
-// number facet in decimal without showpos or left adjustment, a ctype facet
-// for the line end), they are gathered on the stack and handed to the stream
-// in one write; otherwise every piece goes through its own insertion.
+// Every printed line is written by one function, into one of two sinks: a
+// plain stream's line (good, no pending width, no tie, no unit buffering,
+// the classic number facet in decimal without showpos or left adjustment, a
+// ctype facet for the line end) is gathered on the stack and handed to the
+// stream in one write; any other stream gets each piece through its own
+// insertion, with the stream's own formatting and error handling. On a plain
+// stream both give the same characters.
 
 namespace {
 
@@ -37,22 +38,16 @@ bool plain_stream(ostream& os) {
                locale::classic().getFacet_(locale::NUM_PUT_ID);
 }
 
-// Text gathered for a plain stream. A piece that does not fit sends what is
-// gathered on first; a piece longer than the whole array is written as it
-// is. The stream sees the same characters in the same order as from the
-// separate insertions, in fewer writes.
-class line_writer final : public msg_parameter::out_ifc {
+// A line gathered for a plain stream. A piece that does not fit sends what
+// is gathered on first; a piece longer than the whole array is written as it
+// is.
+class gathered_line {
 public:
-    explicit line_writer(ostream& os) noexcept : os_(os) {}
-    line_writer(const line_writer&) = delete;
-    line_writer& operator=(const line_writer&) = delete;
-    ~line_writer() override = default;
+    explicit gathered_line(ostream& os) noexcept : os_(os) {}
+    gathered_line(const gathered_line&) = delete;
+    gathered_line& operator=(const gathered_line&) = delete;
 
-    bool write(const char* s, size_t len) override {
-        add(s, len);
-        return true;
-    }
-    void add(const char* s, size_t len) {
+    void raw(const char* s, size_t len) {
         if (len == 0)
             return; // `s` may be null: a node read back without a file name
         if (len > SIZE - n_) {
@@ -65,16 +60,47 @@ public:
         copy_(buf_ + n_, s, len);
         n_ += len;
     }
-    template <size_t N> void add(const char (&s)[N]) { add(s, N - 1); }
-    void add(char c) { add(&c, 1); }
-    template <class T> void add_number(T v) {
+    void text(const char* s) { raw(s, std::strlen(s)); }
+    template <size_t N> void text(const char (&s)[N]) { raw(s, N - 1); }
+    void ch(char c) { raw(&c, 1); }
+    template <class T> void number(T v) {
         // The count includes the terminator, which the next piece overwrites.
         if (SIZE - n_ > 24) {
             n_ += impl::write_integer<T>(v, buf_ + n_, impl::FmtFlags_dec, 0) - 1;
             return;
         }
         char digits[24];
-        add(digits, impl::write_integer<T>(v, digits, impl::FmtFlags_dec, 0) - 1);
+        raw(digits, impl::write_integer<T>(v, digits, impl::FmtFlags_dec, 0) - 1);
+    }
+    // At least three places, filled on the left with the stream's fill.
+    void index(long idx) {
+        char digits[24];
+        const size_t len = impl::write_integer<long>(idx, digits, impl::FmtFlags_dec, 0) - 1;
+        for (size_t i = len; i < 3; ++i)
+            ch(os_.fill());
+        raw(digits, len);
+    }
+    void file(faultprot_cstring f) {
+        const char* s = f.get();
+        raw(s, s != nullptr ? std::strlen(s) : 0);
+    }
+    // Expanded in place when it fits, else to the stream after what was
+    // gathered.
+    void message(const exception_node& node) {
+        const size_t room = SIZE - n_;
+        const size_t len = node.expand(buf_ + n_, room);
+        if (len < room) {
+            n_ += len;
+            return;
+        }
+        send();
+        node.expand(os_);
+    }
+    // The line end and the flush of `endl`.
+    void end_line() {
+        ch('\n');
+        send();
+        impl::ostreamFlush(os_);
     }
     // Hands what is gathered to the stream.
     void send() {
@@ -113,60 +139,87 @@ private:
     char buf_[SIZE];
 };
 
-void long_prefix(line_writer& w, message_iterator itr, int idx, char fill) {
-    w.add("exception");
-    char digits[24];
-    const size_t len = impl::write_integer<long>(idx, digits, impl::FmtFlags_dec, 0) - 1;
-    for (size_t i = len; i < 3; ++i)
-        w.add(fill);
-    w.add(digits, len);
-    w.add(": no.");
-    w.add_number(itr->error_no());
-    w.add("  (");
-    const char* file = itr->file().get();
-    w.add(file, file != nullptr ? std::strlen(file) : 0);
-    w.add(':');
-    w.add_number(itr->line());
-    w.add(")\n    ");
+// The same pieces, each inserted into the stream as it comes.
+class streamed_line {
+public:
+    explicit streamed_line(ostream& os) noexcept : os_(os) {}
+    void raw(const char* s, size_t len) { os_.write(s, static_cast<streamsize>(len)); }
+    void text(const char* s) { os_ << s; }
+    void ch(char c) { os_ << c; }
+    template <class T> void number(T v) { os_ << v; }
+    void index(long idx) { os_ << setw(3) << idx; }
+    void file(faultprot_cstring f) { f.print(os_); }
+    void message(const exception_node& node) { node.expand(os_); }
+    void end_line() { endl(os_); }
+    void send() {}
+
+private:
+    ostream& os_;
+};
+
+// Calls `write` with the sink that suits the stream's state now.
+template <class Write> void write_line(ostream& os, const Write& write) {
+    if (plain_stream(os)) {
+        gathered_line line(os);
+        write(line);
+        line.send();
+    } else {
+        streamed_line line(os);
+        write(line);
+    }
 }
 
-void short_prefix(line_writer& w, message_iterator itr) {
-    w.add("exception ");
-    w.add_number(itr->error_no());
-    w.add(": ");
+template <class Line>
+void write_prefix(Line& out, const Impl::LongPrefix&, message_iterator itr, int idx) {
+    out.text("exception");
+    out.index(idx);
+    out.text(": no.");
+    out.number(itr->error_no());
+    out.text("  (");
+    out.file(itr->file());
+    out.ch(':');
+    out.number(itr->line());
+    out.ch(')');
+    out.ch('\n');
+    out.raw("    ", 4);
 }
 
-void gather_prefix(line_writer& w, const Impl::LongPrefix&, message_iterator itr, int idx,
-                   char fill) {
-    long_prefix(w, itr, idx, fill);
+template <class Line>
+void write_prefix(Line& out, const Impl::ShortPrefix&, message_iterator itr, int) {
+    out.text("exception ");
+    out.number(itr->error_no());
+    out.ch(':');
+    out.ch(' ');
 }
-void gather_prefix(line_writer& w, const Impl::ShortPrefix&, message_iterator itr, int, char) {
-    short_prefix(w, itr);
+
+// One message: its prefix, its expanded text, for a node that lost memory a
+// note with the failure's text (a code above 3 with one of the two low bits
+// set can only come from rebuilt bytes; it is shown with the text of its two
+// low bits and its own number, so that the table is never overrun), and the
+// line end.
+template <class Line, class Prefix>
+void write_message(Line& out, const Prefix& pref, message_iterator itr, int idx) {
+    write_prefix(out, pref, itr, idx);
+    out.message(*itr);
+    if (itr->out_of_memory()) {
+        const int code = itr->bad_alloc();
+        out.text("; \"");
+        out.text(impl::EXP_BAD_ALLOC_MSG[code & 3]);
+        out.text("\" (code:");
+        out.number(code);
+        out.ch(')');
+    }
+    out.end_line();
 }
 
 } // namespace
 
 void Impl::LongPrefix::print(ostream& os, message_iterator itr, int idx) const {
-    if (plain_stream(os)) {
-        line_writer w(os);
-        long_prefix(w, itr, idx, os.fill());
-        w.send();
-        return;
-    }
-    os << "exception" << setw(3) << static_cast<long>(idx) << ": no." << itr->error_no() << "  (";
-    itr->file().print(os);
-    os << ':' << itr->line() << ')' << '\n';
-    os.write("    ", 4);
+    write_line(os, [&](auto& line) { write_prefix(line, *this, itr, idx); });
 }
 
-void Impl::ShortPrefix::print(ostream& os, message_iterator itr, int) const {
-    if (plain_stream(os)) {
-        line_writer w(os);
-        short_prefix(w, itr);
-        w.send();
-        return;
-    }
-    os << "exception " << itr->error_no() << ':' << ' ';
+void Impl::ShortPrefix::print(ostream& os, message_iterator itr, int idx) const {
+    write_line(os, [&](auto& line) { write_prefix(line, *this, itr, idx); });
 }
 
 // ---------------------------------------------------------------------------
@@ -209,18 +262,15 @@ void print_stack_of(ostream& os, const exception_data* d) {
         os.write(static_cast<const char*>(d->p_buff_), d->buff_sz_);
         return;
     }
-    if (const char* note = stack_note(d))
-        os << note;
-    else
-        os << "NO exception throw location recorded. Bad alloc.code: " << d->node_.bad_alloc_;
-    endl(os);
-}
-
-// A note for a node that lost memory. A code above 3 with one of the two low
-// bits set can only come from rebuilt bytes; it is shown with the text of its
-// two low bits and its own number, so that the table is never overrun.
-void print_bad_alloc_note(ostream& os, int code) {
-    os << "; \"" << impl::EXP_BAD_ALLOC_MSG[code & 3] << "\" (code:" << code << ')';
+    write_line(os, [d](auto& line) {
+        if (const char* note = stack_note(d)) {
+            line.text(note);
+        } else {
+            line.text("NO exception throw location recorded. Bad alloc.code: ");
+            line.number(d->node_.bad_alloc_);
+        }
+        line.end_line();
+    });
 }
 } // namespace
 
@@ -248,35 +298,10 @@ void exception::print_(ostream& os, const Prefix& pref, bool suppress_stack,
         for (int idx = 1;; ++idx) {
             block->set_done();
             const exception_data* d = const_cast<const exception_data*>(block);
-            for (message_iterator itr(&d->node_); itr != end(); ++itr) {
-                if (!itr->out_of_memory() && plain_stream(os)) {
-                    // The whole line in one write, then the flush of endl.
-                    line_writer w(os);
-                    gather_prefix(w, pref, itr, idx, os.fill());
-                    itr->expand_(w);
-                    w.add('\n');
-                    w.send();
-                    impl::ostreamFlush(os);
-                    continue;
-                }
-                pref.print(os, itr, idx);
-                itr->expand(os);
-                if (itr->out_of_memory())
-                    print_bad_alloc_note(os, itr->bad_alloc());
-                endl(os);
-            }
-            if (!suppress_stack && !(suppress_nested_stack && idx != 1)) {
-                const char* note = stack_note(d);
-                if (note != nullptr && plain_stream(os)) {
-                    line_writer w(os);
-                    w.add(note, std::strlen(note));
-                    w.add('\n');
-                    w.send();
-                    impl::ostreamFlush(os);
-                } else {
-                    print_stack_of(os, d);
-                }
-            }
+            for (message_iterator itr(&d->node_); itr != end(); ++itr)
+                write_line(os, [&](auto& line) { write_message(line, pref, itr, idx); });
+            if (!suppress_stack && !(suppress_nested_stack && idx != 1))
+                print_stack_of(os, d);
             block = block->next();
             if (block == nullptr)
                 break;

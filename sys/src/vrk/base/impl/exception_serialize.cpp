@@ -84,8 +84,17 @@ void check_length_(uint32_t len, const void* caller) {
                                  exception::MAX_WIRE_TEXT);
 }
 
-uint32_t big_endian_(const unsigned char (&b)[4]) noexcept {
+uint32_t big_endian_(const unsigned char* b) noexcept {
     return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | uint32_t{b[3]};
+}
+
+// Reads `N` big-endian words with one unformatted read. Bytes the stream
+// does not deliver stay 0.
+template <size_t N> void read_words_(istream& inp, uint32_t (&words)[N]) {
+    unsigned char bytes[4 * N] = {};
+    inp.read(reinterpret_cast<char*>(bytes), 4 * N);
+    for (size_t i = 0; i < N; ++i)
+        words[i] = big_endian_(bytes + 4 * i);
 }
 
 // Reads exactly `len` bytes to `dst`; a shorter input is an error.
@@ -126,6 +135,28 @@ char* read_text_(istream& inp, uint32_t len, allocator& ma, const void* caller) 
     return buf.release();
 }
 
+// Reads `len` bytes to `dst` (a shorter input is an error) and the word
+// behind them; a short text comes with its word in one read. Missing bytes
+// of the word read as 0.
+uint32_t read_exact_then_word_(istream& inp, char* dst, size_t len, const void* caller) {
+    constexpr size_t SHORT_TEXT = 256;
+    if (len > SHORT_TEXT) {
+        read_exact_(inp, dst, len, len, 0, caller);
+        uint32_t word[1];
+        read_words_(inp, word);
+        return word[0];
+    }
+    unsigned char bytes[SHORT_TEXT + 4];
+    inp.read(reinterpret_cast<char*>(bytes), static_cast<streamsize>(len + 4));
+    const auto got = static_cast<size_t>(inp.gcount());
+    if (got < len)
+        throw_deserialize_error_(__LINE__, caller, TRUNCATED_TEXT, "LENGTH",
+                                 static_cast<uint32_t>(len), "READ", static_cast<uint32_t>(got));
+    std::memcpy(dst, bytes, len);
+    std::memset(bytes + got, 0, len + 4 - got);
+    return big_endian_(bytes + len);
+}
+
 // Allocates one block with room for a first message of `msg_len` characters,
 // 16-byte aligned, and initialises it to own `fname`.
 exception_data* new_block_(allocator& ma, size_t msg_len, pending_buffer& fname, int line,
@@ -136,6 +167,71 @@ exception_data* new_block_(allocator& ma, size_t msg_len, pending_buffer& fname,
     block->init(&ma, offset, fname.release(), line, err_no);
     return block;
 }
+
+// Gathers the writer's words and short texts, and gives them to the stream
+// in one unformatted write when the buffer is full, before a long text and at
+// the end: a stream write costs a sentry and a virtual call whatever its
+// size. A stream that fails part-way keeps the same first bytes as with a
+// write per field.
+class gathered_output {
+public:
+    explicit gathered_output(ostream& out) noexcept : out_(out) {}
+    gathered_output(const gathered_output&) = delete;
+    gathered_output& operator=(const gathered_output&) = delete;
+
+    void word(uint32_t value) {
+        if (size_ + 4 > CAPACITY)
+            flush();
+        char* p = buffer_ + size_;
+        p[0] = static_cast<char>(value >> 24);
+        p[1] = static_cast<char>(value >> 16);
+        p[2] = static_cast<char>(value >> 8);
+        p[3] = static_cast<char>(value);
+        size_ += 4;
+    }
+    void bytes(const char* p, size_t len) {
+        if (len == 0)
+            return; // `p` may be null: a node without a file name
+        if (len > CAPACITY - size_) {
+            flush();
+            if (len > CAPACITY / 2) {
+                out_.write(p, static_cast<streamsize>(len));
+                return;
+            }
+        }
+        std::memcpy(buffer_ + size_, p, len);
+        size_ += len;
+    }
+    // Expands the node's message into the buffer behind its length, when
+    // it fits there whole; false leaves the buffer as it was.
+    bool expanded(const exception_node& node) {
+        if (CAPACITY - size_ < CAPACITY / 2)
+            flush();
+        const size_t room = CAPACITY - size_ - 4;
+        const size_t len = node.expand(buffer_ + size_ + 4, room);
+        if (len >= room) // it may have been cut
+            return false;
+        word(static_cast<uint32_t>(len));
+        size_ += len;
+        return true;
+    }
+    void flush() {
+        if (size_ != 0)
+            out_.write(buffer_, static_cast<streamsize>(size_));
+        size_ = 0;
+    }
+    // Fails the stream after what was gathered so far.
+    void fail() {
+        flush();
+        out_.setstate(ios_base::badbit);
+    }
+
+private:
+    static constexpr size_t CAPACITY = 512;
+    ostream& out_;
+    size_t size_ = 0;
+    char buffer_[CAPACITY];
+};
 
 } // namespace
 
@@ -149,11 +245,10 @@ void exception::write_int(ostream& out, uint32_t value) {
 }
 
 uint32_t exception::read_int(istream& inp) {
-    // Bytes the stream does not deliver stay 0, so a truncated input reads as
-    // zeros and fails the next magic-word check.
-    unsigned char bytes[4] = {0, 0, 0, 0};
-    inp.read(reinterpret_cast<char*>(bytes), 4);
-    return big_endian_(bytes);
+    // A truncated input reads as zeros and fails the next magic-word check.
+    uint32_t word[1];
+    read_words_(inp, word);
+    return word[0];
 }
 
 // ---------------------------------------------------------------------------
@@ -208,18 +303,18 @@ exception::default_creator(istream& inp, allocator& alloc) {
 // Writer
 
 void exception::deflate(ostream& out, bool suppress_stack) const {
+    gathered_output gather(out);
     // Writes one byte string. A text the reader would refuse (longer than
     // MAX_WIRE_TEXT), or one that did not reach the scratch stream whole, is
     // not written at all: it fails `out` with badbit, so the caller, who
     // checks the stream after serializing, knows the bytes are incomplete.
-    const auto write_text = [&out](const char* p, size_t len, bool whole) {
+    const auto write_text = [&gather](const char* p, size_t len, bool whole) {
         if (!whole || len > MAX_WIRE_TEXT) {
-            out.setstate(ios_base::badbit);
+            gather.fail();
             return;
         }
-        write_int(out, static_cast<uint32_t>(len));
-        if (len != 0)
-            out.write(p, static_cast<streamsize>(len));
+        gather.word(static_cast<uint32_t>(len));
+        gather.bytes(p, len);
     };
     const auto write_file = [&](const faultprot_cstring& file) {
         write_text(file.get(), file.get() != nullptr ? file.len() : 0, true);
@@ -227,22 +322,25 @@ void exception::deflate(ostream& out, bool suppress_stack) const {
 
     exception cur_exp(p_fst_);
     if (cur_exp.p_fst_ == nullptr) {
-        write_int(out, BADALLOC_NODE);
-        write_int(out, static_cast<uint32_t>(err_no_));
-        write_int(out, static_cast<uint32_t>(line_));
+        gather.word(BADALLOC_NODE);
+        gather.word(static_cast<uint32_t>(err_no_));
+        gather.word(static_cast<uint32_t>(line_));
         write_file(file_);
+        gather.flush();
         return;
     }
 
-    // One scratch stream for every text. Each text is moved out into a
-    // string of its own and the stream is left empty, so the writer never
-    // holds more than its longest text, whatever the number of texts.
-    allocator& ma = default_allocator();
-    osstream scratch(ma);
+    // Messages that fit are expanded straight into the gathered bytes; the
+    // longer ones and the stack texts go through one scratch stream, which
+    // is emptied after each and keeps its storage: the writer holds no more
+    // than its longest text, and allocates only when a text is longer than
+    // every one before it.
+    osstream scratch(default_allocator());
     const auto write_scratch = [&]() {
-        string text(ma);
-        scratch.rdbuf()->swap(text);
-        write_text(text.data(), text.size(), scratch.good());
+        basic_stringbuf<char>& buf = *scratch.rdbuf();
+        const size_t len = buf.size();
+        write_text(buf.c_str(), len, scratch.good());
+        buf.clear();
         scratch.clear();
     };
 
@@ -250,16 +348,18 @@ void exception::deflate(ostream& out, bool suppress_stack) const {
         exception_data* block = cur_exp.block_();
         block->set_done();
         for (const exception_node* node = &block->node_; node != nullptr; node = node->next()) {
-            write_int(out, REGULAR_NODE);
-            write_int(out, static_cast<uint32_t>(node->err_no_));
-            write_int(out, static_cast<uint32_t>(node->bad_alloc_));
-            write_int(out, static_cast<uint32_t>(node->line_));
+            gather.word(REGULAR_NODE);
+            gather.word(static_cast<uint32_t>(node->err_no_));
+            gather.word(static_cast<uint32_t>(node->bad_alloc_));
+            gather.word(static_cast<uint32_t>(node->line_));
             write_file(node->file_);
-            node->expand(scratch);
-            write_scratch();
+            if (!gather.expanded(*node)) {
+                node->expand(scratch);
+                write_scratch();
+            }
         }
         if (suppress_stack) {
-            write_int(out, 0);
+            gather.word(0);
         } else {
             cur_exp.print_stack(scratch);
             write_scratch();
@@ -268,7 +368,8 @@ void exception::deflate(ostream& out, bool suppress_stack) const {
         if (cur_exp.p_fst_ == nullptr)
             break;
     }
-    write_int(out, REGNODE_END);
+    gather.word(REGNODE_END);
+    gather.flush();
     mark_processed();
 }
 
@@ -291,14 +392,25 @@ __attribute__((noinline)) void exception::inflate(istream& inp) {
     for (;;) { // one exception section
         exception_data* block = nullptr;
         exception_node* last = nullptr;
-        do { // one node record, its magic word consumed
-            const int err_no = static_cast<int>(read_int(inp));
-            const int code = static_cast<int>(read_int(inp));
-            const int line = static_cast<int>(read_int(inp));
-            const uint32_t fname_len = read_int(inp);
-            pending_buffer fname(ma,
-                                 fname_len != 0 ? read_text_(inp, fname_len, ma, caller) : nullptr);
-            const uint32_t msg_len = read_int(inp);
+        do {                   // one node record, its magic word consumed
+            uint32_t fixed[4]; // error number, code, line, file-name length
+            read_words_(inp, fixed);
+            const int err_no = static_cast<int>(fixed[0]);
+            const int code = static_cast<int>(fixed[1]);
+            const int line = static_cast<int>(fixed[2]);
+            const uint32_t fname_len = fixed[3];
+            pending_buffer fname(ma, nullptr);
+            uint32_t msg_len;
+            if (fname_len == 0) {
+                msg_len = read_int(inp);
+            } else if (fname_len < DIRECT_READ) {
+                fname.reset(static_cast<char*>(ma.allocate(size_t{fname_len} + 1, caller)));
+                msg_len = read_exact_then_word_(inp, fname.get(), fname_len, caller);
+                fname.get()[fname_len] = '\0';
+            } else {
+                fname.reset(read_text_(inp, fname_len, ma, caller));
+                msg_len = read_int(inp);
+            }
             check_length_(msg_len, caller);
             // A long message is read before its node is allocated, so that
             // the node's size is never taken on trust.
@@ -329,12 +441,13 @@ __attribute__((noinline)) void exception::inflate(istream& inp) {
                 p_lst_ = node;
             char* dst = node->msg_param_.init(nullptr, msg_len);
             node->msg_owner_ = true;
-            if (staged.get() != nullptr)
+            if (staged.get() != nullptr) {
                 std::memcpy(dst, staged.get(), msg_len);
-            else
-                read_exact_(inp, dst, msg_len, msg_len, 0, caller);
+                word = read_int(inp);
+            } else {
+                word = read_exact_then_word_(inp, dst, msg_len, caller);
+            }
             node->bad_alloc_ = code;
-            word = read_int(inp);
         } while (word == REGULAR_NODE);
 
         // `word` is the stack-text length of this section.
