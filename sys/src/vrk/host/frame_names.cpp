@@ -100,7 +100,11 @@ const char* program_name(const char* fallback) {
         const size_t len = static_cast<size_t>(n);
         if (len > sizeof DELETED && std::strcmp(path + len - (sizeof DELETED - 1), DELETED) == 0)
             path[len - (sizeof DELETED - 1)] = 0;
-        std::snprintf(g_program_name, sizeof g_program_name, "%s", base_name(path));
+        // A file name is at most 255 bytes; a longer one is cut.
+        const char* base = base_name(path);
+        const size_t base_len = strnlen(base, sizeof g_program_name - 1);
+        std::memcpy(g_program_name, base, base_len);
+        g_program_name[base_len] = 0;
     }
     return g_program_name;
 }
