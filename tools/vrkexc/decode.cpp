@@ -218,6 +218,11 @@ int cmd_decode(int argc, char** argv) {
         }
     }
 
+    if (opt.json && opt.short_form) {
+        err() << "vrkexc decode: --json and --short exclude each other\n" << HELP;
+        return EXIT_USAGE;
+    }
+
     int status = 0;
     int json_items = 0;
     if (opt.json)

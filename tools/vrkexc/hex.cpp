@@ -1,4 +1,5 @@
 // Hexadecimal text of serialized exceptions, as logs and dumps carry it.
+#include <cstdint>
 #include <cstring>
 
 #include "tool.hpp"
@@ -42,6 +43,66 @@ bool xxd_columns(const char* line, size_t len, size_t* begin, size_t* end) noexc
         ++j;
     *end = j;
     return true;
+}
+
+// The hexadecimal part of a `hexdump -C` line,
+// "00000010  fa ce 00 00 ...  |....|": between the offset and the two blanks
+// that open the text column in bars. False for any other line.
+bool canonical_columns(const char* line, size_t len, size_t* begin, size_t* end) noexcept {
+    size_t i = 0;
+    while (i < len && digit_value(static_cast<unsigned char>(line[i])) >= 0)
+        ++i;
+    if (i < 8 || i + 2 >= len || line[i] != ' ' || line[i + 1] != ' ' || line[len - 1] != '|')
+        return false;
+    const char* bar = static_cast<const char*>(std::memchr(line + i, '|', len - i));
+    const size_t text = static_cast<size_t>(bar - line);
+    if (text + 1 == len || text < i + 4 || line[text - 1] != ' ' || line[text - 2] != ' ')
+        return false;
+    *begin = i + 2;
+    *end = text - 2;
+    return true;
+}
+
+// The offset that opens a `hexdump -C` line, or that stands alone on the
+// line ending its dump (`*alone`).
+uint64_t dump_offset(const char* line, size_t len, bool* alone) noexcept {
+    uint64_t offset = 0;
+    size_t i = 0;
+    for (; i < len && digit_value(static_cast<unsigned char>(line[i])) >= 0; ++i)
+        offset =
+            offset << 4 | static_cast<uint64_t>(digit_value(static_cast<unsigned char>(line[i])));
+    const size_t digits = i;
+    while (i < len && is_blank(static_cast<unsigned char>(line[i])))
+        ++i;
+    *alone = i == len && digits >= 8;
+    return offset;
+}
+
+// Where a `hexdump -C` dump stands: inside one, the offset of the text its
+// offsets count from, and a "*" line (lines equal to the one before left
+// out) waiting for the next offset.
+struct dump_state {
+    bool inside = false;
+    bool repeat = false;
+    uint64_t base = 0;
+    size_t last_line = 0; // where the bytes of the dump's last line start
+};
+
+// Brings `bytes` up to the offset of a `hexdump -C` line, repeating the
+// line before a "*" as often as the offsets say.
+void fill_to(vrk::string& bytes, dump_state& dump, uint64_t offset) {
+    // No serialized exception is near this long: offsets beyond it are not
+    // filled, and the bytes then fail to decode where they end.
+    constexpr uint64_t MOST_REPEATED = uint64_t{1} << 26;
+    const size_t line_len = bytes.size() - dump.last_line;
+    const uint64_t have = bytes.size() - dump.base;
+    while (dump.repeat && line_len != 0 && offset > have && offset - have <= MOST_REPEATED &&
+           bytes.size() - dump.base < offset) {
+        const size_t start = bytes.size() - line_len;
+        for (size_t k = 0; k < line_len; ++k)
+            bytes.push_back(bytes[start + k]);
+    }
+    dump.repeat = false;
 }
 
 // Calls `each(begin, end)` for every word of [from, to) of `line`, words
@@ -90,9 +151,25 @@ bool is_hex_word(const char* p, size_t n) noexcept {
 
 // Reads the hex of one line (see tool.hpp); false with `*column` (from 1) at
 // a word that does not make whole bytes.
-bool read_line(const char* line, size_t len, vrk::string& bytes, size_t* column) {
+bool read_line(const char* line, size_t len, vrk::string& bytes, size_t* column, dump_state& dump) {
     size_t from = 0, to = len;
-    if (!xxd_columns(line, len, &from, &to)) {
+    bool alone = false;
+    const uint64_t offset = dump_offset(line, len, &alone);
+    const bool canonical = canonical_columns(line, len, &from, &to);
+    if (dump.inside && len == 1 && line[0] == '*') {
+        dump.repeat = true;
+        return true;
+    }
+    const bool ends_dump = dump.inside && !canonical && alone;
+    if (dump.inside && (canonical || ends_dump))
+        fill_to(bytes, dump, offset);
+    if (canonical && !dump.inside)
+        dump.base = bytes.size() - offset; // offsets count modulo 2^64 alike
+    dump.inside = canonical;
+    if (ends_dump)
+        return true;
+    dump.last_line = bytes.size();
+    if (!canonical && !xxd_columns(line, len, &from, &to)) {
         // The run of hex words that ends the line; what precedes it is a
         // prefix (time, level, source) and is skipped.
         size_t run = to;
@@ -150,12 +227,16 @@ bool read_hex_text(const vrk::string& text, vrk::string& bytes, text_position* f
     size_t line_no = 1;
     // A text saved by an editor that marks UTF-8 with a byte-order mark.
     const bool bom = text.size() >= 3 && std::memcmp(p, "\xEF\xBB\xBF", 3) == 0;
+    dump_state dump;
     for (size_t start = bom ? 3 : 0; start < text.size(); ++line_no) {
         size_t end = start;
         while (end < text.size() && p[end] != '\n')
             ++end;
         size_t column = 0;
-        if (!read_line(p + start, end - start, bytes, &column)) {
+        size_t len = end - start;
+        if (len > 0 && p[start + len - 1] == '\r')
+            --len;
+        if (!read_line(p + start, len, bytes, &column, dump)) {
             *fault = text_position{line_no, column};
             return false;
         }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs vrkexc as a user does: encode | decode in every input form, bad
 # input, the JSON document read back, usage errors, and the demo.
-# usage: test_vrkexc.sh path/to/vrkexc   (needs xxd and python3)
+# usage: test_vrkexc.sh path/to/vrkexc   (needs xxd, hexdump and python3)
 set -uo pipefail
 exe=$1
 tmp=$(mktemp -d)
@@ -38,12 +38,16 @@ check "raw round trip" "$long_expected" "$("$exe" encode "${encode_args[@]}" | "
 "$exe" encode --hex -o "$tmp/one.hex" "${encode_args[@]}" || { echo "FAIL: encode -o"; failures=$((failures + 1)); }
 xxd "$tmp/one.bin" > "$tmp/xxd"
 xxd -i < "$tmp/one.bin" > "$tmp/0x"
+hexdump -C "$tmp/one.bin" > "$tmp/hexdump" # its last line is the offset alone
 tr -s ' \n' ',' < "$tmp/one.hex" > "$tmp/commas"
 sed 's/^/2026-11-23 10:01:02 ERROR worker-3: /' "$tmp/one.hex" > "$tmp/log"
 { printf '\xef\xbb\xbf'; sed 's/$/\r/' "$tmp/one.hex"; } > "$tmp/windows" # BOM, CR LF
-for form in one.bin xxd 0x commas log windows; do
+for form in one.bin xxd hexdump 0x commas log windows; do
   check "form $form" "$short_expected" "$("$exe" decode --short --no-stack "$tmp/$form" 2>&1)"
 done
+# hexdump -C leaves out repeated lines ("*"): the offsets bring them back.
+"$exe" encode --no-stack --message "$(printf 'z%.0s' {1..100})" > "$tmp/rep.bin"
+check "hexdump repeated lines" "$("$exe" decode "$tmp/rep.bin")" "$(hexdump -C "$tmp/rep.bin" | "$exe" decode)"
 { sed 's/^/    /' "$tmp/one.hex" | tr 'A-F' 'a-f'; echo; cat "$tmp/one.hex"; } > "$tmp/bare"
 check "bare hex, two exceptions" "$short_expected
 $short_expected" "$("$exe" decode --short --no-stack - < "$tmp/bare")"
@@ -136,6 +140,7 @@ check "decode --version" "$version" "$("$exe" decode --version)"
 "$exe" encode --arg X=1 > /dev/null 2>&1; check "arg before message" 2 $?
 "$exe" encode > /dev/null 2>&1; check "nothing to encode" 2 $?
 "$exe" bogus > /dev/null 2>&1; check "unknown command" 2 $?
+"$exe" decode --json --short "$tmp/one.bin" > /dev/null 2>&1; check "json and short" 2 $?
 for cmd in decode encode symbolize demo; do
   "$exe" "$cmd" --help | grep -q "usage: vrkexc $cmd" || { echo "FAIL: $cmd --help"; failures=$((failures + 1)); }
 done

@@ -45,8 +45,11 @@ struct text_position {
 };
 
 // Collects the bytes that hexadecimal text spells, line by line:
-//  - a line of `xxd` ("00000010: face 0000 ...  ....") gives the hex
-//    columns between its offset and its text column;
+//  - a line of `xxd` ("00000010: face 0000 ...  ....") or of `hexdump -C`
+//    ("00000010  fa ce 00 00 ...  |....|") gives the hex columns between its
+//    offset and its text column; a `hexdump -C` line "*" (lines equal to
+//    the one before left out) repeats that line up to the next offset, and
+//    the offset alone that ends such a dump gives nothing;
 //  - any other line gives the run of hex words that ends it, words being
 //    separated by blanks and commas, each digits with or without 0x
 //    ("FACE0000", "FA CE 00 00", "0xfa, 0xce", "FA,CE"); whatever precedes
