@@ -17,6 +17,7 @@
 #include <string>
 #include <utility>
 
+#include "support/forms.hpp"
 #include "support/test_allocator.hpp"
 #include "vrk/exception.hpp"
 #include "vrk/string.hpp"
@@ -45,7 +46,7 @@ struct input {
 };
 
 int sign(int r) { return (r > 0) - (r < 0); }
-std::string text_of(const vrk::string& s) { return std::string(s.data(), s.size()); }
+using vrk_test::text_of;
 
 struct harness {
     std::deque<std::string> viewed; // texts of views: stable, outlive the strings

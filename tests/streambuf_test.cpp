@@ -32,8 +32,11 @@ struct open_stringbuf : vrk::stringbuf {
     using vrk::stringbuf::stringbuf;
 };
 
+using BufferStream = vrk_test::host_fixture;
+using StringBufFailure = vrk_test::host_fixture;
+
 // The cut itself is checked with a printed exception.
-TEST(BufferStream, ClearedForReuseAndOverACallersArrayNeverAllocates) {
+TEST_F(BufferStream, ClearedForReuseOverACallersArrayAndRaisingUnderTheMask) {
     const long requests = vrk_test::default_test_allocator().requests();
     vrk::buffer_stream<2048> bs;
     bs << std::string(3000, 'q').c_str();
@@ -54,25 +57,21 @@ TEST(BufferStream, ClearedForReuseAndOverACallersArrayNeverAllocates) {
     EXPECT_EQ(guard_and_array[0], '#');
     EXPECT_EQ(guard_and_array[9], '#');
     EXPECT_TRUE(small.getStream().bad());
-}
 
-using BufferStreamMask = vrk_test::host_fixture;
-using StringBufFailure = vrk_test::host_fixture;
-
-TEST_F(BufferStreamMask, BadbitInTheMaskRaisesOnThe2048thCharacter) {
-    vrk::buffer_stream<2048> bs(ios_base::badbit);
+    // Badbit in the mask raises on the 2048th character.
+    vrk::buffer_stream<2048> masked(ios_base::badbit);
     const std::string text(2047, 'z');
-    bs << text.c_str();
-    EXPECT_TRUE(bs.getStream().good());
+    masked << text.c_str();
+    EXPECT_TRUE(masked.getStream().good());
     try {
-        bs << "!";
+        masked << "!";
         FAIL() << "no failure raised";
     } catch (const vrk::ios_failure& e) {
         EXPECT_STREQ(e.what(), "buffer_stream::overflow");
         e.mark_processed();
     }
-    EXPECT_TRUE(bs.getStream().bad());
-    EXPECT_EQ(std::string(bs.c_str()), text);
+    EXPECT_TRUE(masked.getStream().bad());
+    EXPECT_EQ(std::string(masked.c_str()), text);
 }
 
 TEST(StringBuf, GrowsByDoublingFrom512AndKeepsEveryCharacter) {
@@ -201,9 +200,9 @@ TEST(StringBuf, SeekingMatchesTheStandardBuffer) {
 }
 
 // The members a stream's own use does not reach: replacing, emptying and
-// reading the text, a caller's array in place of string storage, and what
-// the base buffer answers for them.
-TEST(StringBuf, TextMembersOverOwnStorageAndACallersArray) {
+// reading the text, a caller's array in place of string storage, put-back,
+// and what the base buffer answers for them.
+TEST(StringBuf, TextMembersOverOwnStorageACallersArrayAndPutBack) {
     struct base_only : vrk::streambuf {
     } base;
     EXPECT_EQ(base.pubsetbuf(nullptr, 1), &base);
@@ -255,31 +254,22 @@ TEST(StringBuf, TextMembersOverOwnStorageAndACallersArray) {
         vrk::string taken(alloc);
         out.swap(taken);
         EXPECT_EQ(vrk_test::text_of(taken), "abcd");
-    }
-    EXPECT_EQ(alloc.balance(), 0);
-}
 
-TEST(StringBuf, ReadingAndPutBack) {
-    vrk_test::test_allocator alloc;
-    {
         // Called directly, put-back also steps back over the same character
         // and over none (buffer users ask only for other characters).
-        open_stringbuf in("abc", 3, alloc, ios_base::in);
-        in.sbumpc();
-        in.sbumpc();
-        EXPECT_EQ(in.pbackfail('b'), 'b');
-        EXPECT_EQ(in.pbackfail(-1), 0);
-        EXPECT_EQ(in.sgetc(), 'a');
-    }
-    {
+        open_stringbuf back("abc", 3, alloc, ios_base::in);
+        back.sbumpc();
+        back.sbumpc();
+        EXPECT_EQ(back.pbackfail('b'), 'b');
+        EXPECT_EQ(back.pbackfail(-1), 0);
+        EXPECT_EQ(back.sgetc(), 'a');
         // In and out: what was written can be read, and put-back overwrites.
         vrk::sstream ss(alloc);
         ss << "12 ab";
         long v = 0;
-        ss >> v;
-        EXPECT_EQ(v, 12);
         char c = 0;
-        ss >> c;
+        ss >> v >> c;
+        EXPECT_EQ(v, 12);
         EXPECT_EQ(c, 'a');
         ss.putback('Q');
         EXPECT_STREQ(ss.c_str(), "12 Qb");

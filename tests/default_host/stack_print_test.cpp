@@ -21,7 +21,8 @@
 
 #include <gtest/gtest.h>
 
-#include "../support/forms.hpp"
+#include "support/forms.hpp"
+#include "support/test_allocator.hpp"
 #include "vrk/exception.hpp"
 #include "vrk/ext/heap_allocator.hpp"
 #include "vrk/host/default_host.hpp"
@@ -191,29 +192,6 @@ TEST(DefaultHostStackPrint, LibraryOpenedByRelativePathIsNamedAfterChdir) {
     EXPECT_EQ(chdir(cwd), 0);
 }
 
-} // namespace
-
-namespace {
-
-// Counts blocks and fails the allocation numbered `fail_at_` (from 0).
-struct failing_heap final : vrk::allocator {
-    int fail_at_ = -1;
-    int count_ = 0;
-    long live_ = 0;
-    void* allocateNoThrow(size_t n, const void*) noexcept override {
-        if (count_++ == fail_at_)
-            return nullptr;
-        ++live_;
-        return std::malloc(n);
-    }
-    void* allocate(size_t n, const void* caller) override { return allocateNoThrow(n, caller); }
-    void* allocate(size_t n) override { return allocateNoThrow(n, nullptr); }
-    void deallocate(void* p) noexcept override {
-        --live_;
-        std::free(p);
-    }
-};
-
 // The symbol table of this program as traces read it: a function of an
 // anonymous namespace found by its linked address, with every allocation
 // failing in turn (nothing leaks); then images with damaged headers and
@@ -228,8 +206,8 @@ TEST(DefaultHostStackPrint, SymbolTableOfTheProgramFile) {
         0);
     const uint64_t linked = fn - map->l_addr;
     for (int fail_at = 0; fail_at < 3; ++fail_at) {
-        failing_heap heap;
-        heap.fail_at_ = fail_at;
+        vrk_test::test_allocator heap;
+        heap.fail_at(fail_at);
         vrk::host::elf_symbols* symbols = vrk::host::elf_symbols::open("/proc/self/exe", heap);
         EXPECT_EQ(symbols == nullptr, fail_at == 0);
         if (symbols != nullptr) {
@@ -242,7 +220,8 @@ TEST(DefaultHostStackPrint, SymbolTableOfTheProgramFile) {
             EXPECT_EQ(symbols->find(0, &offset), nullptr);
         }
         vrk::host::elf_symbols::close(symbols);
-        EXPECT_EQ(heap.live_, 0);
+        EXPECT_EQ(heap.balance(), 0);
+        EXPECT_EQ(heap.bad_releases(), 0);
     }
 
     std::ifstream file("/proc/self/exe", std::ios::binary);
@@ -264,7 +243,7 @@ TEST(DefaultHostStackPrint, SymbolTableOfTheProgramFile) {
             image[at] = static_cast<unsigned char>(random());
         }
         const std::vector<unsigned char>& damaged = image;
-        failing_heap heap;
+        vrk_test::test_allocator heap;
         {
             vrk::host::elf_symbols symbols(damaged.data(), damaged.size(), heap);
             uint64_t offset = 0;
@@ -275,7 +254,7 @@ TEST(DefaultHostStackPrint, SymbolTableOfTheProgramFile) {
                 EXPECT_TRUE(name < end && std::memchr(name, 0, static_cast<size_t>(end - name)));
             }
         }
-        EXPECT_EQ(heap.live_, 0);
+        EXPECT_EQ(heap.balance(), 0);
         for (int j = 3; j >= 0; --j)
             image[kept[j].first] = kept[j].second;
     }
