@@ -21,8 +21,7 @@ constexpr size_t COUNT = 4096;
 
 // Values of the given kind; "mixed" draws the digit count uniformly, and
 // signed types get a random sign.
-template <class T>
-std::vector<T> make_values(kind k, int radix) {
+template <class T> std::vector<T> make_values(kind k, int radix) {
     using U = std::make_unsigned_t<T>;
     std::mt19937_64 rng(42);
     std::vector<T> v(COUNT);
@@ -54,8 +53,7 @@ std::vector<T> make_values(kind k, int radix) {
     return v;
 }
 
-template <class T>
-void bm_vrk(benchmark::State& state, kind k, int radix) {
+template <class T> void bm_vrk(benchmark::State& state, kind k, int radix) {
     const std::vector<T> values = make_values<T>(k, radix);
     char buf[64];
     for (auto _ : state) {
@@ -67,28 +65,25 @@ void bm_vrk(benchmark::State& state, kind k, int radix) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * COUNT));
 }
 
-template <class T>
-void bm_to_chars(benchmark::State& state, kind k, int radix) {
+template <class T> void bm_to_chars(benchmark::State& state, kind k, int radix) {
     const std::vector<T> values = make_values<T>(k, radix);
     char buf[64];
     for (auto _ : state) {
         for (T x : values) {
             // Octal and hexadecimal show the bit pattern, as iToA does.
-            benchmark::DoNotOptimize(
-                std::to_chars(buf, buf + sizeof buf,
-                              radix == 10 ? x : static_cast<T>(static_cast<std::make_unsigned_t<T>>(x)),
-                              radix));
+            benchmark::DoNotOptimize(std::to_chars(
+                buf, buf + sizeof buf,
+                radix == 10 ? x : static_cast<T>(static_cast<std::make_unsigned_t<T>>(x)), radix));
             benchmark::ClobberMemory();
         }
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * COUNT));
 }
 
-template <class T>
-void bm_snprintf(benchmark::State& state, kind k, int radix) {
+template <class T> void bm_snprintf(benchmark::State& state, kind k, int radix) {
     const std::vector<T> values = make_values<T>(k, radix);
     const bool wide = sizeof(T) == 8;
-    const char* fmt = radix == 16 ? (wide ? "%lx" : "%x")
+    const char* fmt = radix == 16           ? (wide ? "%lx" : "%x")
                       : std::is_signed_v<T> ? (wide ? "%ld" : "%d")
                                             : (wide ? "%lu" : "%u");
     char buf[64];
@@ -101,14 +96,13 @@ void bm_snprintf(benchmark::State& state, kind k, int radix) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * COUNT));
 }
 
-template <class T>
-void register_all(const char* type_name, int radix) {
+template <class T> void register_all(const char* type_name, int radix) {
     static const std::pair<kind, const char*> KINDS[] = {
         {kind::mixed, "mixed"}, {kind::small, "small"}, {kind::max, "max"}};
     for (const auto& [k, kind_name] : KINDS) {
         // "<case>/<implementation>", as bench/run.sh pairs them.
-        const std::string head = std::string("itoa/") + type_name +
-                                 (radix == 16 ? "/hex/" : "/dec/") + kind_name + "/";
+        const std::string head =
+            std::string("itoa/") + type_name + (radix == 16 ? "/hex/" : "/dec/") + kind_name + "/";
         const kind kk = k;
         benchmark::RegisterBenchmark((head + "vrk").c_str(),
                                      [=](benchmark::State& s) { bm_vrk<T>(s, kk, radix); });

@@ -17,7 +17,8 @@ void BM_ExpandTypical(benchmark::State& state) {
     vrk::exception e("f", 1,
                      vrk::error_code{1, "Bad data pattern: $CURRENT$, expected: $EXPECT$", nullptr},
                      NO_STACK);
-    e << vrk::msgarg_uint("CURRENT", 0xADDDEED2u, true) << vrk::msgarg_uint("EXPECT", 0xDEFACED2u, true);
+    e << vrk::msgarg_uint("CURRENT", 0xADDDEED2u, true)
+      << vrk::msgarg_uint("EXPECT", 0xDEFACED2u, true);
     const vrk::exception_node& n = *e.begin();
     char buf[256];
     for (auto _ : state)
@@ -26,7 +27,8 @@ void BM_ExpandTypical(benchmark::State& state) {
 BENCHMARK(BM_ExpandTypical);
 
 void BM_ExpandUnmentioned(benchmark::State& state) {
-    vrk::exception e("f", 1, vrk::error_code{1, "a message that names none of its arguments", nullptr},
+    vrk::exception e("f", 1,
+                     vrk::error_code{1, "a message that names none of its arguments", nullptr},
                      NO_STACK);
     for (int i = 0; i < state.range(0); ++i) {
         const std::string name = "NAME" + std::to_string(i);

@@ -94,7 +94,11 @@ void BM_StdOstringstreamGrowByChar(benchmark::State& state) {
     }
     state.SetBytesProcessed(state.iterations() * n);
 }
-BENCHMARK(BM_StdOstringstreamGrowByChar)->Name("stream_grow/ostringstream")->Arg(1 << 10)->Arg(1 << 16)->Arg(1 << 20);
+BENCHMARK(BM_StdOstringstreamGrowByChar)
+    ->Name("stream_grow/ostringstream")
+    ->Arg(1 << 10)
+    ->Arg(1 << 16)
+    ->Arg(1 << 20);
 
 } // namespace
 

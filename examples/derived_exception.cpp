@@ -7,8 +7,8 @@
 #include <new>
 
 #include "vrk/exception.hpp"
-#include "vrk/ext/heap_allocator.hpp"
 #include "vrk/exception_types.hpp"
+#include "vrk/ext/heap_allocator.hpp"
 #include "vrk/sstream.hpp"
 
 namespace {
@@ -77,9 +77,10 @@ int main() {
     const auto* http = dynamic_cast<const http_error*>(back.get());
     vrk::string text = back->what(heap, true);
     std::printf("%zu bytes, type word %02X %02X %02X %02X\n%s", data.size(),
-                static_cast<unsigned char>(data.data()[0]), static_cast<unsigned char>(data.data()[1]),
-                static_cast<unsigned char>(data.data()[2]), static_cast<unsigned char>(data.data()[3]),
-                text.c_str());
+                static_cast<unsigned char>(data.data()[0]),
+                static_cast<unsigned char>(data.data()[1]),
+                static_cast<unsigned char>(data.data()[2]),
+                static_cast<unsigned char>(data.data()[3]), text.c_str());
     if (http == nullptr) {
         std::puts("FAILED: the decoded exception is not an http_error");
         return 1;

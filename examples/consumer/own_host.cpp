@@ -21,7 +21,8 @@ struct heap final : vrk::allocator {
     void* allocateNoThrow(size_t n, const void*) noexcept override { return std::malloc(n); }
     void* allocate(size_t n, const void*) override { return allocate(n); }
     void* allocate(size_t n) override {
-        if (void* p = std::malloc(n)) return p;
+        if (void* p = std::malloc(n))
+            return p;
         throw std::bad_alloc();
     }
     void deallocate(void* p) noexcept override { std::free(p); }

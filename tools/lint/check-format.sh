@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Checks the layout of the library's sources (sys/src) against
-# .clang-format and reports, per file, how many lines would change. Exits 1
-# when any file differs.
+# Checks the layout of the C++ sources (the library in sys/src, its tests,
+# fuzz targets, benchmarks, examples and tools) against .clang-format and
+# reports, per file, how many lines would change. Exits 1 when any file
+# differs.
 # usage: tools/lint/check-format.sh [--fix] [FILE...]
 #   --fix    reformat the files in place instead of checking them
-#   FILE...  only these files (default: every sys/src/**/*.{hpp,cpp})
+#   FILE...  only these files (default: every tracked .hpp and .cpp of
+#            sys/src, tests, fuzz, bench, examples and tools)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 fmt=${CLANG_FORMAT:-clang-format}
@@ -16,7 +18,7 @@ for arg in "$@"; do
     *) files+=("$arg") ;;
   esac
 done
-[ ${#files[@]} -gt 0 ] || mapfile -t files < <(git ls-files 'sys/src/*.hpp' 'sys/src/*.cpp')
+[ ${#files[@]} -gt 0 ] || mapfile -t files < <(git ls-files -- {sys/src,tests,fuzz,bench,examples,tools}/'*.'{hpp,cpp})
 if [ $fix -eq 1 ]; then
   "$fmt" --style=file -i "${files[@]}"
   echo "check-format: reformatted ${#files[@]} files"

@@ -14,14 +14,13 @@ namespace vrkexc {
 
 namespace {
 
-const char* const HELP =
-    "usage: vrkexc demo\n"
-    "\n"
-    "Throws a chained exception (from a worker thread and nested functions,\n"
-    "with typed arguments and an exception argument), catches it, prints the\n"
-    "long and the short form, serializes it, decodes the bytes again and\n"
-    "checks that the decoded exception prints exactly like the original.\n"
-    "Exit status 0 when it does.\n";
+const char* const HELP = "usage: vrkexc demo\n"
+                         "\n"
+                         "Throws a chained exception (from a worker thread and nested functions,\n"
+                         "with typed arguments and an exception argument), catches it, prints the\n"
+                         "long and the short form, serializes it, decodes the bytes again and\n"
+                         "checks that the decoded exception prints exactly like the original.\n"
+                         "Exit status 0 when it does.\n";
 
 const char* const SRC = "tools/vrkexc/demo.cpp";
 

@@ -17,21 +17,20 @@ namespace {
 
 using vrk::heap_allocator;
 
-const char* const USAGE =
-    "usage: vrkexc COMMAND [OPTIONS]\n"
-    "\n"
-    "Commands:\n"
-    "  decode [--short] [--no-stack] [--json] [FILE|-]...\n"
-    "      Print serialized exceptions (raw bytes, hex dumps, log lines).\n"
-    "  encode [--hex] [--no-stack] [-o FILE] MESSAGE-OPTIONS...\n"
-    "      Build an exception from the command line and write its bytes.\n"
-    "  symbolize [-e BINARY]... [FILE|-]\n"
-    "      Name the frames of a printed trace from their module offsets.\n"
-    "  demo\n"
-    "      Throw, print, serialize and decode a chained exception.\n"
-    "\n"
-    "'vrkexc COMMAND --help' describes a command; 'vrkexc --version' names\n"
-    "the version.\n";
+const char* const USAGE = "usage: vrkexc COMMAND [OPTIONS]\n"
+                          "\n"
+                          "Commands:\n"
+                          "  decode [--short] [--no-stack] [--json] [FILE|-]...\n"
+                          "      Print serialized exceptions (raw bytes, hex dumps, log lines).\n"
+                          "  encode [--hex] [--no-stack] [-o FILE] MESSAGE-OPTIONS...\n"
+                          "      Build an exception from the command line and write its bytes.\n"
+                          "  symbolize [-e BINARY]... [FILE|-]\n"
+                          "      Name the frames of a printed trace from their module offsets.\n"
+                          "  demo\n"
+                          "      Throw, print, serialize and decode a chained exception.\n"
+                          "\n"
+                          "'vrkexc COMMAND --help' describes a command; 'vrkexc --version' names\n"
+                          "the version.\n";
 
 } // namespace
 
