@@ -6,42 +6,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
+#include "support/test_allocator.hpp"
 #include "vrk/exception.hpp"
 #include "vrk/exception_types.hpp"
 #include "vrk/sstream.hpp"
 
 namespace {
-
-// Counts what the decoded object and the texts take, so a leak in either
-// is caught on the input that caused it, not only at exit.
-class counting_allocator final : public vrk::allocator {
-public:
-    void* allocateNoThrow(size_t n, const void*) noexcept override { return take_(n); }
-    void* allocate(size_t n, const void*) override { return allocate(n); }
-    void* allocate(size_t n) override {
-        if (void* p = take_(n))
-            return p;
-        throw std::bad_alloc();
-    }
-    void deallocate(void* p) noexcept override {
-        if (p != nullptr) {
-            --live_;
-            std::free(p);
-        }
-    }
-    long live() const noexcept { return live_; }
-
-private:
-    void* take_(size_t n) noexcept {
-        void* p = std::malloc(n);
-        if (p != nullptr)
-            ++live_;
-        return p;
-    }
-    long live_ = 0;
-};
 
 // A derived class's creator under type number 1: its header carries one
 // extra word. Lets the fuzzer reach the registry and the creator path.
@@ -106,7 +77,9 @@ bool prefixes_fail(vrk::osstream& bytes, vrk::allocator& alloc) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static counting_allocator alloc;
+    // Counts what the decoded object and the texts take, so a leak or a
+    // double release is caught on the input that caused it, not at exit.
+    static vrk_test::test_allocator alloc;
     (void)registered;
     {
         vrk::isstream in(reinterpret_cast<const char*>(data), size, alloc);
@@ -127,7 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             bad.mark_processed();
         }
     }
-    if (alloc.live() != 0)
-        std::abort(); // the object or a text leaked
+    if (alloc.balance() != 0 || alloc.bad_releases() != 0)
+        std::abort(); // the object or a text leaked, or went back twice
     return 0;
 }

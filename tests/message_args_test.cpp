@@ -6,7 +6,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <random>
 #include <string>
 #include <utility>
 
@@ -113,7 +112,8 @@ TEST_F(MessageArgs, HexDumpStopsAfter341Bytes) {
 }
 
 // The text of printf's %.12g; a buffer one short of it gets nothing (a null
-// result), and nothing is written past the size given.
+// result), and nothing is written past the size given. (The digits of any
+// double are compared with the standard stream's by the streams fuzz target.)
 TEST(Dtoa, MatchesPrintfGeneralNotationWithinItsSize) {
     auto check = [](double v) {
         char want[80];
@@ -131,14 +131,6 @@ TEST(Dtoa, MatchesPrintfGeneralNotationWithinItsSize) {
     for (double v : {0.0, -0.0, 1.0, 1e-5, 1e-4, 999999999999.5, 1e12, DBL_MIN, DBL_MAX, 4.9e-324,
                      -2.5e-310, HUGE_VAL, -1.23456789012e-300})
         check(v);
-    std::mt19937_64 gen(12345);
-    for (int i = 0; i < 20000; ++i) {
-        const uint64_t bits = gen();
-        double v;
-        std::memcpy(&v, &bits, sizeof v);
-        if (!std::isnan(v))
-            check(v);
-    }
     char buf[66];
     EXPECT_EQ(vrk::dtoa(std::nan(""), 12, buf, 66), nullptr);
     EXPECT_EQ(vrk::dtoa(1.0, 12, buf, 0), nullptr);

@@ -47,7 +47,7 @@ TEST_F(Throw, ThrowsItsClassWithFileLineRegistrationAndStackStart) {
     EXPECT_EQ(vrk_test::counters().forgotten, 0);
 }
 
-TEST_F(Throw, StreamedItemsAreAppendedBeforeTheThrow) {
+TEST_F(Throw, StreamedItemsAreAppendedBeforeTheThrowToTheLatestMessage) {
     vrk::exception cause("cause.cpp", 3, vrk::error_code{4712, "The cause", nullptr});
     cause.register_on_thread();
     try {
@@ -59,9 +59,8 @@ TEST_F(Throw, StreamedItemsAreAppendedBeforeTheThrow) {
     }
     cause.mark_processed();
     EXPECT_EQ(vrk_test::counters().forgotten, 0);
-}
 
-TEST_F(Throw, ArgumentsAndMessagesGoToTheLatestMessage) {
+    // Arguments and messages go to the latest message.
     const vrk::error_code disk_full{4713, "Disk full while writing $FILE$", nullptr};
     try {
         VRK_THROW(vrk::runtime_error, disk_full)

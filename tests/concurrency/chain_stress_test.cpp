@@ -26,6 +26,7 @@ namespace {
 
 using vrk::exception;
 using vrk_test::test_allocator;
+const auto walk = vrk_test::chain_numbers; // the error numbers along a chain
 
 constexpr int THREADS = 4;
 
@@ -54,14 +55,6 @@ exception* make(int n) {
 void drop(exception* e) {
     e->mark_processed();
     delete e;
-}
-
-// The error numbers along a chain, from `head` on.
-std::vector<int> walk(const exception& head) {
-    std::vector<int> seen;
-    for (exception x = head; x.data() != nullptr; x = x.get_next())
-        seen.push_back(x.error_no());
-    return seen;
 }
 
 bool is_prefix(const std::vector<int>& part, const std::vector<int>& whole) {
