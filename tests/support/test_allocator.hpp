@@ -42,9 +42,18 @@ public:
     // The largest single request seen since construction or reset_requests.
     size_t largest_request() const noexcept { return largest_.load(); }
 
-    void fail_at(long n) noexcept { fail_at_ = n; fail_from_ = -1; }
-    void fail_from(long n) noexcept { fail_from_ = n; fail_at_ = -1; }
-    void fail_never() noexcept { fail_at_ = -1; fail_from_ = -1; }
+    void fail_at(long n) noexcept {
+        fail_at_ = n;
+        fail_from_ = -1;
+    }
+    void fail_from(long n) noexcept {
+        fail_from_ = n;
+        fail_at_ = -1;
+    }
+    void fail_never() noexcept {
+        fail_at_ = -1;
+        fail_from_ = -1;
+    }
     void misalign(bool on) noexcept { misalign_ = on; }
     // Forgets the request count and the largest request (not the balance).
     void reset_requests() noexcept {
