@@ -8,10 +8,11 @@
 # Usage: tools/coverage/check.sh BUILD_DIR
 set -euo pipefail
 
-# Floors, in percent: the level reached, rounded down (94.0% of lines and
-# 85.0% of branches on 23 Nov 2026). The threaded tests move a few counts
-# between runs, so each floor keeps one point of room.
-LINE_FLOOR=93
+# Floors, in percent: the level reached, rounded down (95.5% of lines and
+# 85.9% of branches on 23 Nov 2026, with the default host's traces). The
+# threaded tests move a few counts between runs, so each floor keeps one
+# point of room.
+LINE_FLOOR=94
 BRANCH_FLOOR=84
 
 [ $# -eq 1 ] || { echo "usage: $0 BUILD_DIR" >&2; exit 2; }
