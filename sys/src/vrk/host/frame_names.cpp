@@ -237,6 +237,16 @@ const char* frame_names::demangle_(const char* name) {
     return text;
 }
 
+frame_info frame_names::from_symbol_table_(const char* path, uint64_t module_offset) {
+    frame_info info;
+    info.p_module_ = base_name(path);
+    info.module_offset_ = module_offset;
+    const char* name = nullptr;
+    if (name_from_file(path, module_offset, name, info.function_offset_))
+        info.p_function_ = demangle_(name);
+    return info;
+}
+
 #if VRK_WITH_LIBDW
 
 namespace {
@@ -437,12 +447,7 @@ frame_info frame_names::resolve(const void* pc) {
 }
 
 frame_info frame_names::resolve_in_file(const char* path, uint64_t module_offset) {
-    frame_info info;
-    info.p_module_ = base_name(path);
-    info.module_offset_ = module_offset;
-    const char* name = nullptr;
-    if (name_from_file(path, module_offset, name, info.function_offset_))
-        info.p_function_ = demangle_(name);
+    frame_info info = from_symbol_table_(path, module_offset);
     if (Dwfl_Module* mod = module_offset != 0 ? offline_module(path) : nullptr) {
         if (info.p_function_ == nullptr) {
             Dwarf_Addr entry = 0;
@@ -482,13 +487,7 @@ frame_info frame_names::resolve(const void* pc) {
 }
 
 frame_info frame_names::resolve_in_file(const char* path, uint64_t module_offset) {
-    frame_info info;
-    info.p_module_ = base_name(path);
-    info.module_offset_ = module_offset;
-    const char* name = nullptr;
-    if (name_from_file(path, module_offset, name, info.function_offset_))
-        info.p_function_ = demangle_(name);
-    return info;
+    return from_symbol_table_(path, module_offset);
 }
 
 #endif

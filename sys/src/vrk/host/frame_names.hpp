@@ -59,6 +59,8 @@ public:
 
 private:
     const char* demangle_(const char* name);
+    // Module, offset and, from the file's symbol table, the function.
+    frame_info from_symbol_table_(const char* path, uint64_t module_offset);
 
     char* p_demangled_ = nullptr; // the demangler's buffer, reused
     size_t demangled_size_ = 0;
