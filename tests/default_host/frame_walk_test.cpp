@@ -3,7 +3,8 @@
 // stack pointer and by the frame pointer (a variable-size frame), with the
 // rule table cold and warm, in several threads at once; and, through the
 // default host's capture, past a signal frame the walk cannot read and across
-// a library unloaded and replaced by another at the same address.
+// a library unloaded and replaced by another at the same address (whose
+// functions are then named from the new build).
 #include <alloca.h>
 #include <dlfcn.h>
 #include <sys/syscall.h>
@@ -19,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include "vrk/exception.hpp"
+#include "vrk/host/frame_names.hpp"
 #include "vrk/host/frame_walk.hpp"
 
 namespace {
@@ -167,6 +169,11 @@ TEST(FrameWalk, LibraryReplacedAtTheSameAddress) {
             dlclose(lib);
             GTEST_SKIP() << "the loader put the second build at another address";
         }
+        // Named from this build, not from the one unloaded at its addresses.
+        const auto local = *static_cast<char* const*>(dlsym(lib, "vrk_reload_local_at"));
+        const vrk::host::frame_info named = vrk::host::frame_names().resolve(local + 1);
+        EXPECT_STREQ(named.p_function_, "vrk_reload_local") << path;
+        EXPECT_EQ(named.function_offset_, 1u) << path;
         for (int round = 0; round < 2; ++round) { // cold, then from the rule table
             both r;
             call(create_exception, &r);
