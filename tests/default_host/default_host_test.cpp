@@ -7,10 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "vrk/exception.hpp"
-#include "vrk/ext/heap_allocator.hpp"
+#include "support/forms.hpp"
 #include "vrk/host/default_host.hpp"
-#include "vrk/sstream.hpp"
 
 // Capture must work while memory is exhausted: malloc is counted by wrapping
 // it in this binary (not under the sanitizers, which own malloc themselves).
@@ -150,16 +148,9 @@ TEST(DefaultHost, AbortsReportAndEndTheProcess) {
     const std::string written = testing::internal::GetCapturedStderr();
     thrown.unregister_on_thread();
     live.unregister_on_thread();
-    std::ostringstream expected;
-    for (const vrk::exception* e : {&thrown, &live}) {
-        vrk::heap_allocator heap;
-        vrk::osstream os(heap);
-        os << *e;
-        expected << (e == &thrown ? "vrk: terminating on an uncaught exception:\n"
-                                  : "vrk: live exception of this thread:\n")
-                 << os.c_str();
-    }
-    EXPECT_EQ(written, expected.str());
+    EXPECT_EQ(written, "vrk: terminating on an uncaught exception:\n" +
+                           vrk_test::long_form(thrown) + "vrk: live exception of this thread:\n" +
+                           vrk_test::long_form(live));
 }
 
 struct allocator_access : vrk::exception {
