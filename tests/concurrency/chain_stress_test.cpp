@@ -4,7 +4,7 @@
 // last handles of a chain nobody looked at; walkers must always see a prefix
 // of the final chain. Process-wide state each thread uses with objects of its
 // own: the type registry, the classic locale and its lazily built facets,
-// string blocks shared everywhere and the fallback text. ThreadSanitizer
+// the fallback text and string blocks shared everywhere. ThreadSanitizer
 // checks the accesses; counting allocators prove that every block is released
 // exactly once and nothing leaks.
 //
@@ -236,32 +236,26 @@ vrk::auto_ptr<exception, vrk::default_deleter> creator(vrk::istream& inp, vrk::a
 
 using SharedState = vrk_test::host_fixture;
 
-// Readers of the registry (deserialize) while others register and unregister.
-TEST_F(SharedState, RegistryLookupsAndWritersOfOneChain) {
+// Every thread at once: registers and looks up a type of its own while it
+// reads a shared chain back (deserialize reads the registry), writes and reads
+// numbers through the classic locale's lazily built facets, and fills the
+// fallback text, one process-wide array reached without thread storage.
+TEST_F(SharedState, ProcessWideStateUsedFromEveryThread) {
     exception shared("t.src", 1, vrk::error_code{21, "shared $N$", nullptr}, NO_STACK);
     shared << vrk::msgarg_int("N", 5);
     exception tail("t.src", 2, vrk::error_code{22, "tail", nullptr}, NO_STACK);
     shared << tail;
+    const char* fallback = vrk::impl::getBadAllocMsg(1, "main.x", 1);
     in_threads([&](int t) {
         test_allocator alloc;
         const auto type = static_cast<unsigned short>(100 + t);
         int bad = 0;
-        for (int i = 0; i < 300; ++i) {
+        for (int r = 0; r < 300; ++r) {
             bad += !vrk::register_exception_type(type, &creator);
             bad += walk_read_back(shared, alloc) != std::vector<int>{21, 22};
             bad += vrk::exception_by_type(type) != &creator;
             bad += !vrk::unregister_exception_type(type, &creator);
-        }
-        return bad + (alloc.balance() != 0);
-    });
-}
-
-TEST(SharedLocale, OwnStreamsGiveExactText) {
-    test_allocator ta;
-    in_threads([&](int t) {
-        int bad = 0;
-        for (int r = 0; r < 300; ++r) {
-            vrk::osstream os(ta);
+            vrk::osstream os(alloc);
             os << "t" << t << vrk::hex << vrk::setw(6) << vrk::setfill('0') << r << vrk::dec << ' '
                << -r;
             char expect[64];
@@ -272,10 +266,10 @@ TEST(SharedLocale, OwnStreamsGiveExactText) {
             char c = 0;
             is >> c >> c >> vrk::hex >> back; // 't', the digit of t, the number
             bad += back != r;
+            bad += vrk::impl::getBadAllocMsg(t + r, t % 2 != 0 ? "a.x" : "bb/c.x", r) != fallback;
         }
-        return bad;
+        return bad + (alloc.balance() != 0);
     });
-    EXPECT_EQ(ta.balance(), 0);
 }
 
 TEST(SharedString, CopiesInManyThreadsReleaseTheBlockExactlyOnce) {
@@ -304,19 +298,6 @@ TEST(SharedString, CopiesInManyThreadsReleaseTheBlockExactlyOnce) {
     EXPECT_EQ(ta.balance(), 0);
     EXPECT_EQ(ta.bad_releases(), 0);
     EXPECT_EQ(ta.allocations(), 1 + THREADS * ((ROUNDS + 2) / 3));
-}
-
-// The fallback text is one process-wide array: a new thread reaches it
-// without allocating thread storage, and threads filling it at once do not
-// race (the thread sanitizer build checks the stores).
-TEST_F(SharedState, FallbackTextIsOneArrayFilledWithoutRaces) {
-    const char* mine = vrk::impl::getBadAllocMsg(1, "main.x", 1);
-    in_threads([&](int t) {
-        int bad = 0;
-        for (int r = 0; r < 200; ++r)
-            bad += vrk::impl::getBadAllocMsg(t + r, t % 2 != 0 ? "a.x" : "bb/c.x", r) != mine;
-        return bad;
-    });
 }
 
 } // namespace

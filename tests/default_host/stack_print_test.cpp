@@ -75,9 +75,6 @@ std::string check_trace() {
     try {
         call_throw_site();
     } catch (const vrk::exception& e) {
-        void** frames = nullptr;
-        EXPECT_GE(e.stack_trace(&frames), 2);
-        EXPECT_EQ(frames[1], g_thrower_return);
         text = vrk_test::long_form(e);
     }
     EXPECT_NE(text.find("exception throw location:\n#0  0x"), std::string::npos) << text;
