@@ -277,12 +277,8 @@ TEST(SharedString, CopiesInManyThreadsReleaseTheBlockExactlyOnce) {
     const std::string text(100, 'q');
     constexpr int ROUNDS = 2000;
     {
-        std::vector<vrk::string> seeds;
-        {
-            vrk::string original(text.c_str(), ta);
-            for (int t = 0; t < THREADS; ++t)
-                seeds.emplace_back(original);
-        } // a thread's string is now the last holder
+        // Shares of a block whose first string is gone: a thread's is the last.
+        std::vector<vrk::string> seeds(THREADS, vrk::string(text.c_str(), ta));
         in_threads([&](int t) {
             vrk::string mine(std::move(seeds[t]));
             int bad = 0;
