@@ -34,11 +34,8 @@ thread_local const void* g_thrower_return = nullptr;
 
 // The line of the printed trace that starts with "#<index> ".
 std::string frame_line(const std::string& text, int index) {
-    const std::string tag = "\n#" + std::to_string(index) + " ";
-    const size_t at = text.find(tag);
-    if (at == std::string::npos)
-        return "";
-    return text.substr(at + 1, text.find('\n', at + 1) - at - 1);
+    const size_t at = text.find("\n#" + std::to_string(index) + " ");
+    return at == std::string::npos ? "" : text.substr(at + 1, text.find('\n', at + 1) - at - 1);
 }
 
 } // namespace
