@@ -13,14 +13,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 int main(int argc, char** argv) {
     std::vector<std::filesystem::path> files;
-    for (int i = 1; i < argc; ++i) {
-        if (!std::filesystem::is_directory(argv[i]))
-            files.emplace_back(argv[i]);
+    for (int i = 1; i < argc; ++i)
+        if (std::filesystem::is_directory(argv[i]))
+            files.insert(files.end(), std::filesystem::directory_iterator(argv[i]), {});
         else
-            for (const auto& entry : std::filesystem::directory_iterator(argv[i]))
-                if (entry.is_regular_file())
-                    files.push_back(entry.path());
-    }
+            files.emplace_back(argv[i]);
     for (const auto& p : files) {
         std::ifstream f(p, std::ios::binary);
         if (!f) {

@@ -4,9 +4,7 @@
 // frame's module offset for naming it later.
 #include <cstdio>
 
-#include "vrk/exception.hpp"
-#include "vrk/ext/heap_allocator.hpp"
-#include "vrk/sstream.hpp"
+#include "support/forms.hpp"
 
 const vrk::error_code CODE{5, "traced", nullptr};
 
@@ -30,9 +28,6 @@ int main() {
     try {
         trace_external();
     } catch (const vrk::exception& e) {
-        vrk::heap_allocator heap;
-        vrk::osstream os(heap);
-        os << e;
-        std::fputs(os.c_str(), stdout);
+        std::fputs(vrk_test::long_form(e).c_str(), stdout);
     }
 }

@@ -42,18 +42,9 @@ public:
     // The largest single request seen since construction or reset_requests.
     size_t largest_request() const noexcept { return largest_.load(); }
 
-    void fail_at(long n) noexcept {
-        fail_at_ = n;
-        fail_from_ = -1;
-    }
-    void fail_from(long n) noexcept {
-        fail_from_ = n;
-        fail_at_ = -1;
-    }
-    void fail_never() noexcept {
-        fail_at_ = -1;
-        fail_from_ = -1;
-    }
+    void fail_at(long n) noexcept { fail_(n, -1); }
+    void fail_from(long n) noexcept { fail_(-1, n); }
+    void fail_never() noexcept { fail_(-1, -1); }
     void misalign(bool on) noexcept { misalign_ = on; }
     // Forgets the request count and the largest request (not the balance).
     void reset_requests() noexcept {
@@ -63,6 +54,10 @@ public:
 
 private:
     void* take_(size_t size) noexcept;
+    void fail_(long at, long from) noexcept {
+        fail_at_ = at;
+        fail_from_ = from;
+    }
 
     std::atomic<long> live_{0}, requests_{0}, allocations_{0}, failures_{0}, bad_releases_{0};
     std::atomic<size_t> bytes_{0}, largest_{0};

@@ -77,10 +77,7 @@ void set_default_allocator(vrk::allocator* a) { g_default = a; }
 
 void reset_host() {
     g_settings = host_settings{};
-    g_counters.forgotten = 0;
-    g_counters.caught = 0;
-    g_counters.unhandled = 0;
-    g_counters.captures = 0;
+    g_counters.forgotten = g_counters.caught = g_counters.unhandled = g_counters.captures = 0;
     {
         std::lock_guard<std::mutex> lock(g_forgotten_mutex);
         g_forgotten_errors.clear();

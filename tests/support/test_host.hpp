@@ -30,10 +30,7 @@ struct host_settings {
 
 // Host calls seen on the calling thread (registration) or process-wide.
 struct host_counters {
-    std::atomic<int> forgotten{0};
-    std::atomic<int> caught{0};
-    std::atomic<int> unhandled{0};
-    std::atomic<int> captures{0};
+    std::atomic<int> forgotten{0}, caught{0}, unhandled{0}, captures{0};
 };
 
 // One registration call of the calling thread, for exact sequence checks.
