@@ -1,5 +1,7 @@
-// The exception handle: forgotten-exception reports, copies, assignment,
-// comparison, throwing with the right class.
+// The exception handle: what a forgotten-exception hook may do, comparison,
+// assignment to itself, copies into a holder, a throw that returns. (Which
+// inspections silence the report, and copies and assignments releasing their
+// blocks, are the exception fuzz target's part.)
 #include <string>
 
 #include <gtest/gtest.h>
@@ -17,35 +19,6 @@ const vrk::error_code OTHER5{5, "another text", nullptr};
 const vrk::error_code CODE6{6, "six", nullptr};
 
 using ExceptionLifecycle = host_fixture;
-
-TEST_F(ExceptionLifecycle, ForgottenIsReportedOnceAndOnlyWhenNobodyLooked) {
-    { vrk::exception e("f", 1, CODE5); }
-    EXPECT_EQ(counters().forgotten, 1);
-
-    // Each kind of inspection silences the report.
-    void (*const looks[])(vrk::exception&) = {
-        [](vrk::exception& e) { e.mark_processed(); },
-        [](vrk::exception& e) { (void)e.begin(); },
-        [](vrk::exception& e) { e.dump(); },
-        [](vrk::exception& e) { (void)e.get_next(); },
-        [](vrk::exception& e) { (e = vrk::exception("g", 2, CODE6)).mark_processed(); },
-    };
-    for (const auto look : looks) {
-        vrk::exception e("f", 1, CODE5);
-        look(e);
-    }
-    EXPECT_EQ(counters().forgotten, 1);
-    EXPECT_EQ(counters().caught, 1);
-
-    // Copying after an inspection makes the exception news again.
-    {
-        vrk::exception e("f", 1, CODE5);
-        e.mark_processed();
-        vrk::exception c(e);
-        EXPECT_TRUE(c.is_processed()) << "a fresh reference clears the processed flag";
-    }
-    EXPECT_EQ(counters().forgotten, 2);
-}
 
 // The hook uses all its contract allows: it copies the exception, extends
 // the copy, walks it, and tries to keep it in a chain that outlives the hook.

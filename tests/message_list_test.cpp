@@ -1,8 +1,6 @@
 // Message parameters: expansion rules to the byte in both sinks, the
 // parameters a text does not mention, the byte sink's bounds, appended
 // messages, the processed mark and lookup through chains.
-#include <cstring>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -131,37 +129,6 @@ TEST_F(MessageList, ByteSinkStopsAtItsSize) {
             expected[8 + want] = '\0';
         EXPECT_EQ(buf, expected) << "wrote outside the text and its terminator";
     }
-}
-
-// A node on storage of its own, outside any exception: both sinks give the
-// same text, and a lookup matches the whole name only.
-TEST_F(MessageList, ANodeOnItsOwnStorage) {
-    alignas(8) char storage[128];
-    ASSERT_LE(vrk::message_node::allocation_size(9), sizeof storage);
-    auto* node = ::new (storage) vrk::message_node;
-    node->init("id=$ID$ .", 9);
-    EXPECT_EQ(node->get_param_value_by_name("ID"), nullptr);
-    char buf[16];
-    EXPECT_EQ(node->expand(buf, sizeof buf), 9u); // no parameters: the text as it is
-    EXPECT_TRUE(node->new_param(alloc_, nullptr, "lost", false)); // nothing to store
-    ASSERT_TRUE(node->new_param(alloc_, "ID", "7", false));
-    EXPECT_STREQ(node->get_param_value_by_name("ID"), "7");
-    EXPECT_EQ(node->get_param_value_by_name(nullptr), nullptr);
-    EXPECT_EQ(node->expand(buf, sizeof buf), 6u);
-    EXPECT_STREQ(buf, "id=7 .");
-    vrk::heap_allocator heap;
-    vrk::osstream os(heap);
-    EXPECT_EQ(&node->expand(os), &static_cast<vrk::ostream&>(os));
-    EXPECT_EQ(vrk_test::text_of(os.str()), "id=7 .");
-    EXPECT_STREQ(node->first()->get_value_by_name("ID"), "7");
-    EXPECT_EQ(node->first()->get_value_by_name("I"), nullptr);
-    EXPECT_EQ(node->first()->get_value_by_name(nullptr), nullptr);
-    node->destroy(alloc_);
-
-    alignas(8) char raw[64];
-    auto* prm = ::new (raw) vrk::msg_parameter;
-    prm->init("N", "value", 3, true); // the first 3 characters
-    EXPECT_STREQ(prm->get_value_by_name("N"), "val");
 }
 
 // Which message an argument goes to is checked through the throw site; a
