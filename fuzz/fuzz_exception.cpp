@@ -57,6 +57,7 @@ struct input {
 const volatile vrk::exception_data* block(const holder& h) {
     return h.empty() ? nullptr : h->data();
 }
+bool aligned(const exception* e) { return reinterpret_cast<uintptr_t>(e->data()) % 16 == 0; }
 
 // Texts for the checks, on the healthy allocator, leaving every processed
 // flag of the chain as it was: checking must not count as looking.
@@ -150,6 +151,7 @@ struct harness {
         vrk::isstream is(bytes.data(), bytes.size(), healthy);
         try {
             auto back = exception::deserialize(is, alloc);
+            CHECK(aligned(back.get()));
             // Without a block the bytes say only that memory ran out.
             if (alloc.failures() == before && e.data() != nullptr) {
                 CHECK(short_form(*back) == form);
@@ -173,10 +175,13 @@ struct harness {
             else
                 x.emplace("sys/x/fuzz.cpp", static_cast<int>(how), code,
                           how & 8 ? FRAMES : exception::CALLER_SUPPRESS_STACK_TRACE);
+            CHECK(aligned(x.get()));
             return;
         }
-        if (op == 1) { // the allocator fails at a chosen request, or from it on
+        if (op == 1) { // the allocator fails at a chosen request, or from it on,
+                       // and hands out addresses off the 16-byte grid or not
             alloc.reset_requests();
+            alloc.misalign(how & 4);
             if (how & 1)
                 alloc.fail_at(in.byte() % 8);
             else // -1: never
@@ -187,12 +192,12 @@ struct harness {
             return;
         exception& e = *x;
         switch (op) {
-        case 2: { // a message, its text sometimes naming arguments
+        case 2: { // a message, its text sometimes naming arguments, with or without a file
             const std::string marker = "<m" + std::to_string(texts++) + ">";
             const std::string text =
                 how & 1 ? marker + " $P" + std::to_string(how / 2 % 16) + "$" : marker;
-            e.append_message("sys/x/more.cpp", static_cast<int>(how), 100 + (how & 7),
-                             text.c_str());
+            e.append_message(how & 8 ? nullptr : "sys/x/more.cpp", static_cast<int>(how),
+                             100 + (how & 7), text.c_str());
             shows(i, marker);
             break;
         }
@@ -354,6 +359,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vrk_test::reset_host();
     vrk_test::set_default_allocator(&alloc);
     alloc.fail_never();
+    alloc.misalign(false);
     {
         harness s;
         input in{data, data + size};
