@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <string>
 #include <vector>
@@ -295,10 +296,22 @@ struct harness {
             CHECK(block(x) == nullptr || block(x)->done());
             break;
         }
-        case 9: { // iterate the messages and walk the chain
+        case 9: { // iterate the messages and walk the chain; each message also
+                  // expanded into `how % 64` bytes: the stream's text cut there,
+                  // terminated when room is left, nothing written past them
             int nodes = 0;
-            for (const vrk::exception_node& n : e)
+            for (const vrk::exception_node& n : e) {
                 nodes += n.message() != nullptr;
+                vrk::osstream os(healthy);
+                n.expand(os);
+                const vrk::string full = os.str();
+                char buf[65];
+                std::memset(buf, '\x7f', sizeof buf);
+                const size_t size = how % 64, len = n.expand(buf, size);
+                CHECK(len == std::min(size, full.size()) &&
+                      std::memcmp(buf, full.data(), len) == 0 &&
+                      (len == size || buf[len] == '\0') && buf[size] == '\x7f');
+            }
             size_t n = 0;
             for (exception c = e.get_next(); c.data() != nullptr; c = c.get_next())
                 CHECK(++n < MAX_CHAIN);

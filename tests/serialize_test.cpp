@@ -167,12 +167,10 @@ TEST_F(Serialize, WriterKeepsEveryTextInSmallAllocationsOrFailsTheStream) {
 // (the error's own block included): a promised length costs nothing before
 // its bytes come.
 TEST_F(Serialize, ReaderErrorsNameWhatWasReadAndAllocateInStepWithTheInput) {
-    const std::string pattern = "exception 1001: Runtime error\nexception 1001: Exception "
-                                "deserialization. Bad data pattern: ";
-    const std::string length = "exception 1001: Runtime error\nexception 1001: Exception "
-                               "deserialization. Bad length: ";
-    const std::string ends = "exception 1001: Runtime error\nexception 1001: Exception "
-                             "deserialization. Input ends inside a text: ";
+    const std::string head = "exception 1001: Runtime error\nexception 1001: Exception "
+                             "deserialization. ";
+    const std::string pattern = head + "Bad data pattern: ", length = head + "Bad length: ",
+                      ends = head + "Input ends inside a text: ";
     const struct {
         bytes input;
         std::string error;
