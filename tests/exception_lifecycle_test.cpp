@@ -51,12 +51,14 @@ TEST_F(ExceptionLifecycle, ForgottenHookMayCopyExtendAndWalkButNotKeepTheExcepti
 TEST_F(ExceptionLifecycle, ComparisonIdentityAndTheEmptyException) {
     vrk::exception e("f", 17, CODE5), other("f", 17, CODE5);
     vrk::exception c(e);
+    EXPECT_TRUE(c.is_processed()) << "true while nobody has looked";
     EXPECT_TRUE(e == c);
     EXPECT_FALSE(e == other) << "equal contents, different blocks";
     EXPECT_TRUE(e.is_identified_by(OTHER5)) << "only the number counts";
     EXPECT_FALSE(e.is_identified_by(CODE6));
 
     vrk::exception n = e.get_next(); // past the end: no block
+    EXPECT_FALSE(e.is_processed() || n.is_processed()) << "once looked at, and without a block";
     EXPECT_STREQ(n.file().get(), "UNDEFINED FILE NAME");
     EXPECT_EQ(n.line(), -1);
     EXPECT_EQ(n.error_no(), -2);
@@ -76,21 +78,14 @@ TEST_F(ExceptionLifecycle, ComparisonIdentityAndTheEmptyException) {
     e.unregister_on_thread();
 }
 
-// Throwing with the right class is checked by the throw site's tests.
-TEST_F(ExceptionLifecycle, TextConstructorsAndCopiesIntoAHolder) {
-    // Text constructors take the class's own registry number.
+// Text constructors and throwing with the right class: the throw site's
+// tests.
+TEST_F(ExceptionLifecycle, CopiesIntoAHolderAreOfTheBaseClassAndForeignTypesThrowAsTheyAre) {
     vrk::overflow_error o("f", 1, "too big", nullptr);
-    o.mark_processed();
-    EXPECT_EQ(o.error_no(), vrk::ERR_VRK_OVERFLOW.number());
-    EXPECT_STREQ(o.what(), "too big");
-
-    // A copy into a holder is of the base class, whatever the source is.
     vrk::auto_object<vrk::exception> holder;
     const vrk::exception* copy = o.copy(holder);
     EXPECT_EQ(typeid(*copy), typeid(vrk::exception));
     copy->mark_processed();
-
-    // Types that are no exceptions of ours are thrown as they are.
     EXPECT_THROW(vrk::impl::throw_check<std::string>(std::string("x")).do_throw(), std::string);
 }
 

@@ -2,6 +2,7 @@
 // parameters a text does not mention, appended messages, the processed mark
 // and lookup through chains. (The byte sink's bounds: the exception fuzz
 // target.)
+#include <new>
 #include <string>
 #include <vector>
 
@@ -111,6 +112,29 @@ TEST_F(MessageList, UnmentionedParametersWithFewAndManyPlaceholders) {
         e.define_argument("Y", "y2", true);
         EXPECT_EQ(by_buffer(*e.begin()), want + " [X=x, Y=y2]");
     }
+}
+
+// A node on storage of its own, outside any exception: both sinks give the
+// same text, a parameter without a name stores nothing, a lookup matches the
+// whole name only, and a parameter may keep the start of a value.
+TEST_F(MessageList, ANodeOnItsOwnStorage) {
+    alignas(8) char storage[128], raw[64];
+    ASSERT_LE(vrk::message_node::allocation_size(9), sizeof storage);
+    auto* node = ::new (storage) vrk::message_node;
+    node->init("id=$ID$ .", 9);
+    EXPECT_TRUE(node->new_param(alloc_, nullptr, "lost", false));
+    ASSERT_TRUE(node->new_param(alloc_, "ID", "7", false));
+    char buf[16];
+    EXPECT_EQ(std::string(buf, node->expand(buf, sizeof buf)), "id=7 .");
+    vrk::heap_allocator heap;
+    vrk::osstream os(heap);
+    node->expand(os);
+    EXPECT_EQ(vrk_test::text_of(os.str()), "id=7 .");
+    EXPECT_EQ(node->first()->get_value_by_name("I"), nullptr);
+    node->destroy(alloc_);
+    auto* prm = ::new (raw) vrk::msg_parameter;
+    prm->init("N", "value", 3, true);
+    EXPECT_STREQ(prm->get_value_by_name("N"), "val");
 }
 
 // Which message an argument goes to is checked through the throw site; a

@@ -18,7 +18,9 @@ namespace {
 
 using vrk::exception;
 using vrk_test::host_fixture;
+using vrk_test::long_form;
 using vrk_test::NO_STACK;
+using vrk_test::short_form;
 using bytes = std::vector<unsigned char>;
 
 const vrk::error_code BOOM{7, "boom", nullptr};
@@ -41,8 +43,6 @@ bytes wire(std::initializer_list<uint32_t> words, size_t payload = 0) {
     return b;
 }
 
-std::string text(const vrk::string& s) { return std::string(s.c_str(), s.size()); }
-
 class Serialize : public host_fixture {
 protected:
     bytes serialized(const exception& e, bool suppress_stack) {
@@ -53,12 +53,6 @@ protected:
     vrk::auto_ptr<exception, vrk::default_deleter> read(const bytes& b) {
         vrk::isstream is(reinterpret_cast<const char*>(b.data()), b.size(), alloc_);
         return exception::deserialize(is, obj_alloc_);
-    }
-    std::string short_form(const exception& e) { return text(e.what(alloc_, true)); }
-    std::string long_form(const exception& e) {
-        vrk::osstream os(alloc_);
-        e.print_default(os, false, false);
-        return text(os.str());
     }
     // The short form of the error `b` raises; "" when none.
     std::string error_of(const bytes& b) {
@@ -96,7 +90,8 @@ TEST_F(Serialize, GoldenBytesDecodeAndEncodeAgainUnchanged) {
 }
 
 // An exception whose data block could not be allocated: number, line and
-// file name, no end word. Read back it gets a block with a fixed text.
+// file name, no end word. Read back it gets a block with a fixed text (the
+// exception fuzz target checks it), or none without a file name.
 TEST_F(Serialize, ABodyWithoutDataBlockHasItsOwnBytes) {
     auto& def = vrk_test::default_test_allocator();
     def.fail_from(0);
@@ -107,13 +102,6 @@ TEST_F(Serialize, ABodyWithoutDataBlockHasItsOwnBytes) {
     const bytes b = serialized(lost, true);
     EXPECT_EQ(b, (bytes{0xFA, 0xCE, 0, 0, 0xFA, 0xCA, 0xDE, 0x01, 0xDE, 0xFA, 0xCE, 0xD2, 0,
                         0,    0,    7, 0, 0,    0,    5,    0,    0,    0,    1,    'x'}));
-    auto imported = read(b);
-    ASSERT_NE(imported->data(), nullptr);
-    EXPECT_STREQ(imported->what(), "Bad allocation in exception object (imported)");
-    EXPECT_STREQ(imported->file().get(), "x");
-    EXPECT_EQ(imported->line(), 5);
-    EXPECT_EQ(imported->error_no(), 7);
-    imported->mark_processed();
     EXPECT_EQ(read(serialized(lost_nofile, true))->data(), nullptr) << "nothing to hold";
 }
 
@@ -142,7 +130,7 @@ TEST_F(Serialize, WriterKeepsEveryTextInSmallAllocationsOrFailsTheStream) {
         e->serialize(os, false);
         ASSERT_TRUE(os.good());
         EXPECT_LT(def.largest_request(), 64u * 1024u) << "the writer's scratch text";
-        EXPECT_EQ(long_form(*read(to_bytes(os))), long_form(*e));
+        EXPECT_EQ(long_form(*read(to_bytes(os)), false, false), long_form(*e, false, false));
         for (auto* d = e->data(); d != nullptr; d = d->next())
             EXPECT_TRUE(d->done()) << "serializing handles every block";
     }
