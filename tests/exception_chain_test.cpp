@@ -6,7 +6,6 @@
 namespace {
 
 using vrk::exception;
-using vrk::exception_data;
 
 const vrk::error_code A{1, "a", nullptr};
 
@@ -35,7 +34,7 @@ TEST_F(ExceptionChain, CompletingALinkThatWasNotClaimedAborts) {
         {
             exception a("f", 1, A);
             a.mark_processed();
-            const_cast<volatile exception_data*>(a.data())->update_pred(nullptr);
+            const_cast<volatile vrk::exception_data*>(a.data())->update_pred(nullptr);
         },
         "sys/src/vrk/base/impl/exception:[0-9]+: Unexpected link, aborting: 0");
 }

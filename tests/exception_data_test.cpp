@@ -9,7 +9,6 @@
 namespace {
 
 using vrk::exception;
-using vrk::exception_node;
 
 const vrk::error_code CODE7{7, "seven chars", nullptr};
 
@@ -37,7 +36,7 @@ TEST_F(ExceptionData, ACaptureWithoutFramesKeepsNoBuffer) {
     vrk_test::settings().capture_no_frame = true;
     exception e("f", 1, CODE7);
     e.mark_processed();
-    EXPECT_EQ(e.begin()->bad_alloc(), exception_node::STACK_ERROR);
+    EXPECT_EQ(e.begin()->bad_alloc(), vrk::exception_node::STACK_ERROR);
     EXPECT_EQ(e.data()->p_buff_, nullptr);
     EXPECT_EQ(alloc_.balance(), 1);
 }

@@ -11,14 +11,11 @@
 
 namespace {
 
-using vrk_test::counters;
-using vrk_test::host_fixture;
-
 const vrk::error_code CODE5{5, "five", nullptr};
 const vrk::error_code OTHER5{5, "another text", nullptr};
 const vrk::error_code CODE6{6, "six", nullptr};
 
-using ExceptionLifecycle = host_fixture;
+using ExceptionLifecycle = vrk_test::host_fixture;
 
 // The hook uses all its contract allows: it copies the exception, extends
 // the copy, walks it, and tries to keep it in a chain that outlives the hook.
@@ -44,7 +41,7 @@ TEST_F(ExceptionLifecycle, ForgottenHookMayCopyExtendAndWalkButNotKeepTheExcepti
         head << tail;
     }
     EXPECT_EQ(seen, "five;more;late 1;six;");
-    EXPECT_EQ(counters().forgotten, 1) << "the hook's copies report nothing";
+    EXPECT_EQ(vrk_test::counters().forgotten, 1) << "the hook's copies report nothing";
     EXPECT_EQ(report.get_next().data(), nullptr) << "the report chain kept a released block";
 }
 

@@ -22,7 +22,6 @@ using vrk::exception;
 using vrk::exception_node;
 using vrk_test::fault_point;
 using vrk_test::fault_sweep;
-using vrk_test::long_form;
 using vrk_test::short_form;
 
 // The test host records three fake frames from this address.
@@ -74,7 +73,7 @@ TEST_F(FaultSweep, ALostParameterOrMessageClosesTheListWithItsNote) {
             o.op(e, nested);
         if (fp.fails(0)) { // every form of a blockless exception is the fallback text
             EXPECT_STREQ(e.get_msgarg_by_name("I"), "") << "a blockless exception takes nothing";
-            for (const std::string& form : {std::string(e.what()) + "\n", long_form(e)})
+            for (const std::string& form : {std::string(e.what()) + "\n", vrk_test::long_form(e)})
                 EXPECT_EQ(form, fallback_of(7, FILE_A, 42));
         }
 

@@ -131,6 +131,7 @@ TEST_F(MessageList, ANodeOnItsOwnStorage) {
     node->expand(os);
     EXPECT_EQ(vrk_test::text_of(os.str()), "id=7 .");
     EXPECT_EQ(node->first()->get_value_by_name("I"), nullptr);
+    EXPECT_EQ(node->first()->get_value_by_name(nullptr), nullptr);
     node->destroy(alloc_);
     auto* prm = ::new (raw) vrk::msg_parameter;
     prm->init("N", "value", 3, true);

@@ -17,7 +17,6 @@
 namespace {
 
 using vrk::exception;
-using vrk_test::host_fixture;
 using vrk_test::long_form;
 using vrk_test::NO_STACK;
 using vrk_test::short_form;
@@ -43,7 +42,7 @@ bytes wire(std::initializer_list<uint32_t> words, size_t payload = 0) {
     return b;
 }
 
-class Serialize : public host_fixture {
+class Serialize : public vrk_test::host_fixture {
 protected:
     bytes serialized(const exception& e, bool suppress_stack) {
         vrk::osstream os(alloc_);
