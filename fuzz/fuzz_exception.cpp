@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <string>
 #include <vector>
@@ -57,6 +58,7 @@ struct input {
 const volatile vrk::exception_data* block(const holder& h) {
     return h.empty() ? nullptr : h->data();
 }
+bool aligned(const exception* e) { return reinterpret_cast<uintptr_t>(e->data()) % 16 == 0; }
 
 // Texts for the checks, on the healthy allocator, leaving every processed
 // flag of the chain as it was: checking must not count as looking.
@@ -150,10 +152,16 @@ struct harness {
         vrk::isstream is(bytes.data(), bytes.size(), healthy);
         try {
             auto back = exception::deserialize(is, alloc);
-            // Without a block the bytes say only that memory ran out.
+            CHECK(aligned(back.get()));
+            // Without a block the bytes say only that memory ran out: read
+            // back, a fixed text under the same number, line and file name.
             if (alloc.failures() == before && e.data() != nullptr) {
                 CHECK(short_form(*back) == form);
                 CHECK(long_messages(*back) == messages);
+            } else if (alloc.failures() == before) {
+                CHECK(!std::strcmp(back->what(), "Bad allocation in exception object (imported)") &&
+                      back->error_no() == e.error_no() && back->line() == e.line() &&
+                      !std::strcmp(back->file().get(), e.file().get()));
             }
             back->mark_processed();
         } catch (const std::bad_alloc&) {
@@ -173,10 +181,13 @@ struct harness {
             else
                 x.emplace("sys/x/fuzz.cpp", static_cast<int>(how), code,
                           how & 8 ? FRAMES : exception::CALLER_SUPPRESS_STACK_TRACE);
+            CHECK(aligned(x.get()));
             return;
         }
-        if (op == 1) { // the allocator fails at a chosen request, or from it on
+        if (op == 1) { // the allocator fails at a chosen request, or from it on,
+                       // and hands out addresses off the 16-byte grid or not
             alloc.reset_requests();
+            alloc.misalign(how & 4);
             if (how & 1)
                 alloc.fail_at(in.byte() % 8);
             else // -1: never
@@ -187,12 +198,12 @@ struct harness {
             return;
         exception& e = *x;
         switch (op) {
-        case 2: { // a message, its text sometimes naming arguments
+        case 2: { // a message, its text sometimes naming arguments, with or without a file
             const std::string marker = "<m" + std::to_string(texts++) + ">";
             const std::string text =
                 how & 1 ? marker + " $P" + std::to_string(how / 2 % 16) + "$" : marker;
-            e.append_message("sys/x/more.cpp", static_cast<int>(how), 100 + (how & 7),
-                             text.c_str());
+            e.append_message(how & 8 ? nullptr : "sys/x/more.cpp", static_cast<int>(how),
+                             100 + (how & 7), text.c_str());
             shows(i, marker);
             break;
         }
@@ -229,13 +240,16 @@ struct harness {
             // a block already linked and a loop
             if (!h[j].empty()) {
                 const auto *to = block(x), *from = block(h[j]);
-                const bool was = linked(from);
+                const bool was = linked(from), was_registered = registered(&e);
                 bool refused = &e == h[j].get() || to == nullptr || from == nullptr || to == from;
                 for (auto* b = from; b != nullptr && !refused; b = b->next())
                     refused = b == to;
                 e << *h[j];
                 CHECK(linked(from) == (was || !refused));
-                CHECK(&e == h[j].get() || !registered(h[j].get()));
+                // Appending ends the appended one's registration, but not
+                // that of an exception appended to itself.
+                CHECK(&e == h[j].get() ? registered(&e) == was_registered
+                                       : !registered(h[j].get()));
                 for (const holder& y : h)
                     linked(block(y)); // every chain still ends
             }
@@ -287,10 +301,22 @@ struct harness {
             CHECK(block(x) == nullptr || block(x)->done());
             break;
         }
-        case 9: { // iterate the messages and walk the chain
+        case 9: { // iterate the messages and walk the chain; each message also
+                  // expanded into `how % 64` bytes: the stream's text cut there,
+                  // terminated when room is left, nothing written past them
             int nodes = 0;
-            for (const vrk::exception_node& n : e)
+            for (const vrk::exception_node& n : e) {
                 nodes += n.message() != nullptr;
+                vrk::osstream os(healthy);
+                n.expand(os);
+                const vrk::string full = os.str();
+                char buf[65];
+                std::memset(buf, '\x7f', sizeof buf);
+                const size_t size = how % 64, len = n.expand(buf, size);
+                CHECK(len == std::min(size, full.size()) &&
+                      std::memcmp(buf, full.data(), len) == 0 &&
+                      (len == size || buf[len] == '\0') && buf[size] == '\x7f');
+            }
             size_t n = 0;
             for (exception c = e.get_next(); c.data() != nullptr; c = c.get_next())
                 CHECK(++n < MAX_CHAIN);
@@ -351,6 +377,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vrk_test::reset_host();
     vrk_test::set_default_allocator(&alloc);
     alloc.fail_never();
+    alloc.misalign(false);
     {
         harness s;
         input in{data, data + size};

@@ -71,8 +71,8 @@ TEST_F(ExceptionPrint, EveryReasonForAMissingThrowLocation) {
     vrk_test::settings().capture_no_frame = true;
     exception no_frame("f", 1, OPEN_FAILED, nullptr);
     EXPECT_EQ(section(no_frame), NO_LOCATION + "Stack generation system error.\n");
-    set_code(suppressed, exception_node::PARAM_FAILED); // overwrites the stack code
-    EXPECT_EQ(section(suppressed), NO_LOCATION + "Bad alloc.code: 1\n");
+    set_code(suppressed, exception_node::STACK_FAILED);
+    EXPECT_EQ(section(suppressed), NO_LOCATION + "Allocation of stack data failed.\n");
 }
 
 // The one line an exception without a block prints, whatever the form (the

@@ -1,7 +1,7 @@
 // Message parameters: expansion rules to the byte in both sinks, the
-// parameters a text does not mention, the byte sink's bounds, appended
-// messages, the processed mark and lookup through chains.
-#include <cstring>
+// parameters a text does not mention, appended messages, the processed mark
+// and lookup through chains. (The byte sink's bounds: the exception fuzz
+// target.)
 #include <new>
 #include <string>
 #include <vector>
@@ -114,53 +114,27 @@ TEST_F(MessageList, UnmentionedParametersWithFewAndManyPlaceholders) {
     }
 }
 
-TEST_F(MessageList, ByteSinkStopsAtItsSize) {
-    exception e("f", 1, vrk::error_code{1, "id=$ID$, $X$", nullptr}, NO_STACK);
-    e.define_argument("ID", "12345", false);
-    e.define_argument("EXTRA", "v", false);
-    const std::string full = "id=12345, $X$ [EXTRA=v]";
-    const exception_node& n = *e.begin();
-    for (size_t size = 0; size <= full.size() + 2; ++size) {
-        SCOPED_TRACE(size);
-        std::string buf(64, '\xAA');
-        const size_t want = std::min(size, full.size());
-        EXPECT_EQ(n.expand(buf.data() + 8, size), want);
-        std::string expected(64, '\xAA');
-        expected.replace(8, want, full.substr(0, want));
-        if (want < size)
-            expected[8 + want] = '\0';
-        EXPECT_EQ(buf, expected) << "wrote outside the text and its terminator";
-    }
-}
-
 // A node on storage of its own, outside any exception: both sinks give the
-// same text, and a lookup matches the whole name only.
+// same text, a parameter without a name stores nothing, a lookup matches the
+// whole name only, and a parameter may keep the start of a value.
 TEST_F(MessageList, ANodeOnItsOwnStorage) {
-    alignas(8) char storage[128];
+    alignas(8) char storage[128], raw[64];
     ASSERT_LE(vrk::message_node::allocation_size(9), sizeof storage);
     auto* node = ::new (storage) vrk::message_node;
     node->init("id=$ID$ .", 9);
-    EXPECT_EQ(node->get_param_value_by_name("ID"), nullptr);
-    char buf[16];
-    EXPECT_EQ(node->expand(buf, sizeof buf), 9u); // no parameters: the text as it is
-    EXPECT_TRUE(node->new_param(alloc_, nullptr, "lost", false)); // nothing to store
+    EXPECT_TRUE(node->new_param(alloc_, nullptr, "lost", false));
     ASSERT_TRUE(node->new_param(alloc_, "ID", "7", false));
-    EXPECT_STREQ(node->get_param_value_by_name("ID"), "7");
-    EXPECT_EQ(node->get_param_value_by_name(nullptr), nullptr);
-    EXPECT_EQ(node->expand(buf, sizeof buf), 6u);
-    EXPECT_STREQ(buf, "id=7 .");
+    char buf[16];
+    EXPECT_EQ(std::string(buf, node->expand(buf, sizeof buf)), "id=7 .");
     vrk::heap_allocator heap;
     vrk::osstream os(heap);
-    EXPECT_EQ(&node->expand(os), &static_cast<vrk::ostream&>(os));
+    node->expand(os);
     EXPECT_EQ(vrk_test::text_of(os.str()), "id=7 .");
-    EXPECT_STREQ(node->first()->get_value_by_name("ID"), "7");
     EXPECT_EQ(node->first()->get_value_by_name("I"), nullptr);
     EXPECT_EQ(node->first()->get_value_by_name(nullptr), nullptr);
     node->destroy(alloc_);
-
-    alignas(8) char raw[64];
     auto* prm = ::new (raw) vrk::msg_parameter;
-    prm->init("N", "value", 3, true); // the first 3 characters
+    prm->init("N", "value", 3, true);
     EXPECT_STREQ(prm->get_value_by_name("N"), "val");
 }
 
