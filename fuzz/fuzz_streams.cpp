@@ -12,7 +12,8 @@
 // (its value modulo the number of operations) and the operands.
 //
 // Byte 1 NUMBER_TEXTS instead checks the integer texts the streams and the
-// messages are built from against std::to_chars; see number_text.
+// messages are built from against std::to_chars (see number_text), byte 1
+// STRING_BUFFERS a vrk::stringbuf against a std::stringbuf (string_buffers).
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -25,6 +26,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/forms.hpp"
 #include "vrk/ext/dtoa.hpp"
 #include "vrk/ext/itoa.hpp"
 #include "vrk/istream.hpp"
@@ -299,7 +301,7 @@ void run::step(reader& in) {
     expect_equal("flags", bits(v.os.flags()), bits(s.os.flags()));
 }
 
-constexpr uint8_t NUMBER_TEXTS = 'N';
+constexpr uint8_t NUMBER_TEXTS = 'N', STRING_BUFFERS = 'S';
 
 // to_chars of the value as the library reads it: plain char unsigned, octal
 // and hexadecimal as the bit pattern, letters upper case unless `lower`.
@@ -378,6 +380,64 @@ constexpr void (*NUMBER_TEXT_OPS[])(run&, reader&) = {
     number_text<long>,         number_text<unsigned long>, number_text<int>,
     number_text<unsigned int>, number_text<char>,          number_text<unsigned char>};
 
+// A string buffer of each library over the same text and open mode: reading,
+// writing (growth too), positioning and put-back, once the two positions
+// have moved apart; results and the text must agree after each step.
+void string_buffers(run& r, reader& in) {
+    const std::string text = in.text(in.byte());
+    const uint8_t m = in.byte();
+    const auto mode = std::ios_base::openmode((m % 3 + 1) * 8 | (m >> 2 & 3));
+    vrk::heap_allocator heap;
+    vrk::stringbuf v(text.data(), text.size(), heap, vrk::ios_base::openmode(mode));
+    std::stringbuf s(text, mode);
+    const auto pos = [](auto p) { return static_cast<long>(static_cast<std::streamoff>(p)); };
+    for (; in.p != in.end; ++r.op) {
+        const uint8_t code = in.byte(), b = in.byte();
+        const auto which = std::ios_base::openmode((code / 9 % 3 + 1) * 8);
+        const long off = static_cast<int8_t>(b);
+        switch (code % 9) {
+        case 0:
+            r.expect_equal("sputc", v.sputc(static_cast<char>(b)), s.sputc(static_cast<char>(b)));
+            break;
+        case 1:
+            r.expect_equal("sbumpc", v.sbumpc(), s.sbumpc());
+            break;
+        case 2:
+            r.expect_equal("sgetc", v.sgetc(), s.sgetc());
+            break;
+        case 3: {
+            const std::string t(b * 4u, static_cast<char>('a' + code % 26));
+            r.expect_equal("sputn", v.sputn(t.data(), b * 4), s.sputn(t.data(), b * 4));
+            break;
+        }
+        case 4: {
+            char got[2][256] = {};
+            r.expect_equal("sgetn", v.sgetn(got[0], b), s.sgetn(got[1], b));
+            r.expect_equal("read", std::string(got[0], b), std::string(got[1], b));
+            break;
+        }
+        case 5:
+            r.expect_equal("seekoff",
+                           pos(v.pubseekoff(off, vrk::ios_base::seekdir(b % 3),
+                                            vrk::ios_base::openmode(which))),
+                           pos(s.pubseekoff(off, std::ios_base::seekdir(b % 3), which)));
+            break;
+        case 6:
+            r.expect_equal("seekpos", pos(v.pubseekpos(off, vrk::ios_base::openmode(which))),
+                           pos(s.pubseekpos(off, which)));
+            break;
+        case 7:
+            r.expect_equal("sputbackc", v.sputbackc(static_cast<char>(b)),
+                           s.sputbackc(static_cast<char>(b)));
+            break;
+        default:
+            r.expect_equal("sungetc", v.sungetc(), s.sungetc());
+        }
+        r.expect_equal("text", vrk_test::text_of(v.str()), s.str());
+        r.expect_equal("size", v.size(), s.str().size());
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -388,6 +448,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vrk_side v{put_size, chunk, input, (more & 1) != 0};
     std_side s{put_size, chunk, input, (more & 1) != 0};
     run r{v, s};
+    if (more == STRING_BUFFERS)
+        return string_buffers(r, in), 0;
     if (more == NUMBER_TEXTS) {
         for (; in.p != in.end; ++r.op)
             NUMBER_TEXT_OPS[in.byte() % 6](r, in);
