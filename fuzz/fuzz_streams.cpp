@@ -380,9 +380,39 @@ constexpr void (*NUMBER_TEXT_OPS[])(run&, reader&) = {
     number_text<long>,         number_text<unsigned long>, number_text<int>,
     number_text<unsigned int>, number_text<char>,          number_text<unsigned char>};
 
+// One call on either library's string buffer, chosen by `code`, with `arg`
+// as character, count or offset; characters read go to `got`.
+template <class Buf> long buffer_call(Buf& b, uint8_t code, uint8_t arg, char* got) {
+    using ios =
+        std::conditional_t<std::is_same_v<Buf, std::stringbuf>, std::ios_base, vrk::ios_base>;
+    const auto which = typename ios::openmode((code / 9 % 3 + 1) * 8);
+    const std::string t(arg * 4u, static_cast<char>('a' + code % 26));
+    const auto pos = [](auto p) { return static_cast<long>(static_cast<std::streamoff>(p)); };
+    switch (code % 9) {
+    case 0:
+        return b.sputc(static_cast<char>(arg));
+    case 1:
+        return b.sbumpc();
+    case 2:
+        return b.sgetc();
+    case 3:
+        return b.sputn(t.data(), arg * 4);
+    case 4:
+        return b.sgetn(got, arg);
+    case 5:
+        return pos(b.pubseekoff(static_cast<int8_t>(arg), typename ios::seekdir(arg % 3), which));
+    case 6:
+        return pos(b.pubseekpos(static_cast<int8_t>(arg), which));
+    case 7:
+        return b.sputbackc(static_cast<char>(arg));
+    default:
+        return b.sungetc();
+    }
+}
+
 // A string buffer of each library over the same text and open mode: reading,
 // writing (growth too), positioning and put-back, once the two positions
-// have moved apart; results and the text must agree after each step.
+// have moved apart; results and the text must agree after each call.
 void string_buffers(run& r, reader& in) {
     const std::string text = in.text(in.byte());
     const uint8_t m = in.byte();
@@ -390,49 +420,12 @@ void string_buffers(run& r, reader& in) {
     vrk::heap_allocator heap;
     vrk::stringbuf v(text.data(), text.size(), heap, vrk::ios_base::openmode(mode));
     std::stringbuf s(text, mode);
-    const auto pos = [](auto p) { return static_cast<long>(static_cast<std::streamoff>(p)); };
     for (; in.p != in.end; ++r.op) {
-        const uint8_t code = in.byte(), b = in.byte();
-        const auto which = std::ios_base::openmode((code / 9 % 3 + 1) * 8);
-        const long off = static_cast<int8_t>(b);
-        switch (code % 9) {
-        case 0:
-            r.expect_equal("sputc", v.sputc(static_cast<char>(b)), s.sputc(static_cast<char>(b)));
-            break;
-        case 1:
-            r.expect_equal("sbumpc", v.sbumpc(), s.sbumpc());
-            break;
-        case 2:
-            r.expect_equal("sgetc", v.sgetc(), s.sgetc());
-            break;
-        case 3: {
-            const std::string t(b * 4u, static_cast<char>('a' + code % 26));
-            r.expect_equal("sputn", v.sputn(t.data(), b * 4), s.sputn(t.data(), b * 4));
-            break;
-        }
-        case 4: {
-            char got[2][256] = {};
-            r.expect_equal("sgetn", v.sgetn(got[0], b), s.sgetn(got[1], b));
-            r.expect_equal("read", std::string(got[0], b), std::string(got[1], b));
-            break;
-        }
-        case 5:
-            r.expect_equal("seekoff",
-                           pos(v.pubseekoff(off, vrk::ios_base::seekdir(b % 3),
-                                            vrk::ios_base::openmode(which))),
-                           pos(s.pubseekoff(off, std::ios_base::seekdir(b % 3), which)));
-            break;
-        case 6:
-            r.expect_equal("seekpos", pos(v.pubseekpos(off, vrk::ios_base::openmode(which))),
-                           pos(s.pubseekpos(off, which)));
-            break;
-        case 7:
-            r.expect_equal("sputbackc", v.sputbackc(static_cast<char>(b)),
-                           s.sputbackc(static_cast<char>(b)));
-            break;
-        default:
-            r.expect_equal("sungetc", v.sungetc(), s.sungetc());
-        }
+        const uint8_t code = in.byte(), arg = in.byte();
+        char got[2][256] = {};
+        r.expect_equal("result", buffer_call(v, code, arg, got[0]),
+                       buffer_call(s, code, arg, got[1]));
+        r.expect_equal("read", std::string(got[0], 256), std::string(got[1], 256));
         r.expect_equal("text", vrk_test::text_of(v.str()), s.str());
         r.expect_equal("size", v.size(), s.str().size());
     }
