@@ -10,7 +10,13 @@
 // input chunk size less one), byte 1 bit 0 whether reading past the input
 // throws, byte 2 the input's length, the input, then operations: a code byte
 // (its value modulo the number of operations) and the operands.
+//
+// Byte 1 NUMBER_TEXTS instead checks the integer texts the streams and the
+// messages are built from against std::to_chars (see number_text), byte 1
+// STRING_BUFFERS a vrk::stringbuf against a std::stringbuf (string_buffers).
 #include <algorithm>
+#include <cctype>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,7 +26,9 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/forms.hpp"
 #include "vrk/ext/dtoa.hpp"
+#include "vrk/ext/itoa.hpp"
 #include "vrk/istream.hpp"
 
 namespace {
@@ -293,6 +301,136 @@ void run::step(reader& in) {
     expect_equal("flags", bits(v.os.flags()), bits(s.os.flags()));
 }
 
+constexpr uint8_t NUMBER_TEXTS = 'N', STRING_BUFFERS = 'S';
+
+// to_chars of the value as the library reads it: plain char unsigned, octal
+// and hexadecimal as the bit pattern, letters upper case unless `lower`.
+template <class T> std::string to_chars_text(T v, int radix, bool lower) {
+    using U = std::make_unsigned_t<T>;
+    char out[80];
+    const auto r = std::is_same_v<T, char> || radix == 8 || radix == 16
+                       ? std::to_chars(out, out + sizeof out, static_cast<U>(v), radix)
+                       : std::to_chars(out, out + sizeof out, v, radix);
+    std::string s(out, r.ptr);
+    for (char& c : s)
+        c = static_cast<char>(lower ? c : std::toupper(c));
+    return s;
+}
+
+// What the conversions leave of `text` in `length` characters, and whether
+// iToA answers the buffer: without a width the text and a terminator, cut to
+// the buffer; with one the zero-padded text, or, longer than the width, its
+// last `width` characters in radix 8, 10 and 16 (a sign is lost) and its
+// first in the others; never a terminator.
+std::string clipped(const std::string& text, uint32_t length, int radix, uint32_t width, bool& ok) {
+    const size_t n = text.size();
+    ok = length > 0 && (width == 0 ? n < length : n <= width && width <= length);
+    if (length == 0)
+        return "";
+    if (width == 0)
+        return n < length ? text + '\0' : text.substr(0, length - 1) + '\0';
+    if (n > width)
+        return text.substr(radix == 8 || radix == 10 || radix == 16 ? n - width : 0, width)
+            .substr(0, length);
+    return (std::string(width - n, '0') + text).substr(0, length);
+}
+
+// What a conversion wrote into buf, up to the last character it changed.
+constexpr char UNTOUCHED = '\x7e'; // never produced
+std::string written(const char* buf, size_t size) {
+    while (size > 0 && buf[size - 1] == UNTOUCHED)
+        --size;
+    return std::string(buf, size);
+}
+
+// iToA in any radix (bad ones too), buffer length and width, then
+// write_integer with any flags and width; a value of each of the six types.
+template <class T> void number_text(run& r, reader& in) {
+    using namespace vrk::impl;
+    const T v = in.value<T>();
+    const int radix = in.byte() % 40 - 2;
+    const uint32_t length = in.byte(), width = in.byte();
+    char buf[300];
+    std::memset(buf, UNTOUCHED, sizeof buf);
+    const char* got = iToA<T>(v, buf, length, radix, width);
+    bool ok = false;
+    const std::string text = radix < 2 || radix > 36 ? "" : to_chars_text(v, radix, radix == 16);
+    r.expect_equal("iToA text", written(buf, sizeof buf),
+                   text.empty() ? "" : clipped(text, length, radix, width, ok));
+    r.expect_equal("iToA result", got == buf ? 1 : got == nullptr ? 0 : -1, ok ? 1 : 0);
+
+    const auto flags = static_cast<FmtFlags>(in.value<uint16_t>());
+    const int w = static_cast<int8_t>(in.byte()) % 80;
+    const uint32_t base = flags & FmtFlags_basefield;
+    const int b = base == FmtFlags_oct ? 8 : base == FmtFlags_hex ? 16 : 10;
+    const std::string t = to_chars_text(v, b, b != 16 || !(flags & FmtFlags_uppercase));
+    const uint32_t n = static_cast<uint32_t>(t.size()), uw = w < 0 ? 0 : static_cast<uint32_t>(w);
+    std::memset(buf, UNTOUCHED, sizeof buf);
+    r.expect_equal("write_integer count", write_integer<T>(v, buf, flags, w),
+                   static_cast<unsigned long>(w == 0  ? n + 1
+                                              : w < 0 ? n
+                                                      : std::max(n, uw)));
+    r.expect_equal("write_integer text", written(buf, sizeof buf),
+                   w < 0    ? ""
+                   : w == 0 ? t + '\0'
+                            : clipped(t, 300, b, uw, ok));
+}
+
+constexpr void (*NUMBER_TEXT_OPS[])(run&, reader&) = {
+    number_text<long>,         number_text<unsigned long>, number_text<int>,
+    number_text<unsigned int>, number_text<char>,          number_text<unsigned char>};
+
+// One call on either library's string buffer, chosen by `code`, with `arg`
+// as character, count or offset; characters read go to `got`.
+template <class Buf> long buffer_call(Buf& b, uint8_t code, uint8_t arg, char* got) {
+    using ios =
+        std::conditional_t<std::is_same_v<Buf, std::stringbuf>, std::ios_base, vrk::ios_base>;
+    const auto which = typename ios::openmode((code / 9 % 3 + 1) * 8);
+    const std::string t(arg * 4u, static_cast<char>('a' + code % 26));
+    const auto pos = [](auto p) { return static_cast<long>(static_cast<std::streamoff>(p)); };
+    switch (code % 9) {
+    case 0:
+        return b.sputc(static_cast<char>(arg));
+    case 1:
+        return b.sbumpc();
+    case 2:
+        return b.sgetc();
+    case 3:
+        return b.sputn(t.data(), arg * 4);
+    case 4:
+        return b.sgetn(got, arg);
+    case 5:
+        return pos(b.pubseekoff(static_cast<int8_t>(arg), typename ios::seekdir(arg % 3), which));
+    case 6:
+        return pos(b.pubseekpos(static_cast<int8_t>(arg), which));
+    case 7:
+        return b.sputbackc(static_cast<char>(arg));
+    default:
+        return b.sungetc();
+    }
+}
+
+// A string buffer of each library over the same text and open mode: reading,
+// writing (growth too), positioning and put-back, once the two positions
+// have moved apart; results and the text must agree after each call.
+void string_buffers(run& r, reader& in) {
+    const std::string text = in.text(in.byte());
+    const uint8_t m = in.byte();
+    const auto mode = std::ios_base::openmode((m % 3 + 1) * 8 | (m >> 2 & 3));
+    vrk::heap_allocator heap;
+    vrk::stringbuf v(text.data(), text.size(), heap, vrk::ios_base::openmode(mode));
+    std::stringbuf s(text, mode);
+    for (; in.p != in.end; ++r.op) {
+        const uint8_t code = in.byte(), arg = in.byte();
+        char got[2][256] = {};
+        r.expect_equal("result", buffer_call(v, code, arg, got[0]),
+                       buffer_call(s, code, arg, got[1]));
+        r.expect_equal("read", std::string(got[0], 256), std::string(got[1], 256));
+        r.expect_equal("text", vrk_test::text_of(v.str()), s.str());
+        r.expect_equal("size", v.size(), s.str().size());
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -303,6 +441,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     vrk_side v{put_size, chunk, input, (more & 1) != 0};
     std_side s{put_size, chunk, input, (more & 1) != 0};
     run r{v, s};
+    if (more == STRING_BUFFERS)
+        return string_buffers(r, in), 0;
+    if (more == NUMBER_TEXTS) {
+        for (; in.p != in.end; ++r.op)
+            NUMBER_TEXT_OPS[in.byte() % 6](r, in);
+        return 0;
+    }
     for (; in.p != in.end && r.op < 200; ++r.op)
         r.step(in);
     r.expect_equal("text", v.out_buf.text(), s.out_buf.text());
