@@ -20,6 +20,7 @@
 
 #include "vrk/ext/heap_allocator.hpp"
 #include "vrk/host/elf_symbols.hpp"
+#include "vrk/host/frame_walk.hpp"
 #include "vrk/host/never_destroyed.hpp"
 #include "vrk/ostream.hpp"
 
@@ -271,6 +272,7 @@ const Dwfl_Callbacks CALLBACKS = {dwfl_linux_proc_find_elf, find_debuginfo_local
 // exit.
 Dwfl* g_dwfl = nullptr;
 pid_t g_dwfl_pid = 0;
+unsigned long long g_dwfl_unloads = 0; // the linker's unload count when the list was read
 
 // (Re)reads the module list of this process. Adds to the old list, so that
 // what was read of modules still mapped is kept.
@@ -403,7 +405,17 @@ Dwfl_Module* offline_module(const char* path) {
 
 } // namespace
 
-frame_names::frame_names() { g_lock.lock(); }
+frame_names::frame_names() {
+    g_lock.lock();
+    // A module unloaded since the list was read may still cover addresses
+    // that another library took over: start from a fresh list then.
+    const unsigned long long unloads = library_unloads();
+    if (g_dwfl != nullptr && unloads != g_dwfl_unloads) {
+        dwfl_end(g_dwfl);
+        g_dwfl = nullptr;
+    }
+    g_dwfl_unloads = unloads;
+}
 
 bool frame_names::reads_debug_info() noexcept { return true; }
 

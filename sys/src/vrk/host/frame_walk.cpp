@@ -115,8 +115,7 @@ int read_unloads(dl_phdr_info* info, size_t size, void* arg) {
 }
 
 void forget_unloaded_rules() {
-    unsigned long long unloads = 0;
-    dl_iterate_phdr(read_unloads, &unloads);
+    const unsigned long long unloads = library_unloads();
     if (unloads == g_unloads_seen.load(std::memory_order_acquire))
         return;
     for (auto& word : g_rules)
@@ -607,6 +606,12 @@ walk_stack(void** frames, unsigned max_frames, const void* caller, unsigned* cou
     (void)caller;
     return walk_result::give_up;
 #endif
+}
+
+unsigned long long library_unloads() noexcept {
+    unsigned long long unloads = 0;
+    dl_iterate_phdr(read_unloads, &unloads);
+    return unloads;
 }
 
 } // namespace vrk::host

@@ -27,4 +27,8 @@ enum class walk_result {
 walk_result walk_stack(void** frames, unsigned max_frames, const void* caller,
                        unsigned* count) noexcept;
 
+// How many libraries the dynamic linker has unloaded so far in this process:
+// whatever was learnt of the code at an address is stale once it moves.
+unsigned long long library_unloads() noexcept;
+
 } // namespace vrk::host
