@@ -164,7 +164,7 @@ TEST(DefaultHostStackPrint, LibraryOpenedByRelativePathIsNamedAfterChdir) {
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     ASSERT_EQ(chdir(path.substr(0, slash).c_str()), 0);
-    void* lib = dlopen(("." + path.substr(slash)).c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* lib = dlopen(std::string(".").append(path, slash).c_str(), RTLD_NOW | RTLD_LOCAL);
     ASSERT_EQ(chdir("/"), 0);
     ASSERT_NE(lib, nullptr) << dlerror();
     const auto* local = static_cast<char* const*>(dlsym(lib, "vrk_reload_local_at"));
