@@ -18,6 +18,9 @@
 //                      std::throw_with_nested and std::rethrow_if_nested
 //   chain_append       50,000 exceptions appended to one chain / 10,000 of
 //                      them: how an append's cost grows with the chain
+//   chain_turns        50,000 exceptions appended to 2 and to 32 chains in
+//                      turn / to one chain: whether chains growing side by
+//                      side slow each other down
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -29,6 +32,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "vrk/exception.hpp"
 #include "vrk/ext/heap_allocator.hpp"
@@ -236,6 +240,27 @@ void chain_append(benchmark::State& state, int count) {
         append_chain(count);
 }
 
+// Appends 50,000 exceptions (no stack capture) to `chains` chains, one
+// chain after the other, and releases them.
+void chain_turns(benchmark::State& state, int chains) {
+    const auto make = [](int line) {
+        return vrk::exception(FILE_NAME, line, vrk::ERR_VRK_RUNTIME,
+                              vrk::exception::CALLER_SUPPRESS_STACK_TRACE);
+    };
+    for (auto _ : state) {
+        std::vector<vrk::exception> heads;
+        heads.reserve(static_cast<size_t>(chains));
+        for (int c = 0; c < chains; ++c)
+            heads.push_back(make(1));
+        for (int i = 0; i < 50000; ++i) {
+            vrk::exception e = make(2);
+            heads[i % chains].append_exp(e);
+        }
+        for (vrk::exception& head : heads)
+            head.mark_processed();
+    }
+}
+
 } // namespace
 
 BENCHMARK(handle_copy_vrk)->Name("handle_copy/1thr/vrk");
@@ -270,6 +295,14 @@ BENCHMARK_CAPTURE(chain_append, n50000, 50000)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(chain_append, n10000, 10000)
     ->Name("chain_append_50000/vrk_10000")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(chain_turns, c2, 2)->Name("chain_turns_2/vrk")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(chain_turns, c1, 1)
+    ->Name("chain_turns_2/vrk_one_chain")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(chain_turns, c32, 32)->Name("chain_turns_32/vrk")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(chain_turns, c1, 1)
+    ->Name("chain_turns_32/vrk_one_chain")
     ->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

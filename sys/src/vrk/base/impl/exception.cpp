@@ -5,6 +5,7 @@
 #include <cxxabi.h>
 
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -32,35 +33,76 @@ std::mutex g_link_lock;
 // still in that chain and the search goes on from there; every block's
 // release clears its own entry before its memory can come back as another
 // block. `first_` and `last_` are written under the link lock; the release
-// reads and clears `first_` without it. An append whose block shares an entry
-// with another chain's block walks from the start, as without the table.
+// reads and clears `first_` without it.
+//
+// The entries are sets of four, chosen by a multiplicative hash of the
+// block's address: blocks made one after another lie at equal distances,
+// which a plain remainder maps onto a fraction of the entries, and two chains
+// that grow in turn would then evict each other at every append and walk
+// from the start each time. A set keeps four chains; a fifth takes the place
+// of the one extended longest ago. An append whose chain lost its entry walks
+// from the start, as without the table.
 struct last_block_entry {
     std::atomic<const volatile exception_data*> first_{nullptr};
     volatile exception_data* last_ = nullptr;
+    uint64_t extended_ = 0; // the append count when written; under the link lock
 };
-constexpr size_t LAST_BLOCK_ENTRIES = 64;
-last_block_entry g_last_blocks[LAST_BLOCK_ENTRIES];
+constexpr size_t LAST_BLOCK_WAYS = 4;
+constexpr unsigned LAST_BLOCK_SET_BITS = 6;
+using last_block_set = last_block_entry[LAST_BLOCK_WAYS];
+last_block_set g_last_blocks[1u << LAST_BLOCK_SET_BITS];
+uint64_t g_appends = 0; // under the link lock
 
-last_block_entry& last_block_entry_of(const volatile exception_data* block) noexcept {
+last_block_set& last_block_set_of(const volatile exception_data* block) noexcept {
     // Blocks are 16-byte aligned: the low four bits say nothing.
-    return g_last_blocks[(reinterpret_cast<uintptr_t>(block) >> 4) % LAST_BLOCK_ENTRIES];
+    const uint64_t key = reinterpret_cast<uintptr_t>(block) >> 4;
+    return g_last_blocks[(key * 0x9E3779B97F4A7C15u) >> (64 - LAST_BLOCK_SET_BITS)];
+}
+
+// The entry of `first` in its set, or null; under the link lock.
+last_block_entry* last_block_entry_of(last_block_set& set,
+                                      const volatile exception_data* first) noexcept {
+    for (last_block_entry& entry : set)
+        if (entry.first_.load(std::memory_order_relaxed) == first)
+            return &entry;
+    return nullptr;
 }
 
 // The last block of the chain behind `first`, which the caller holds; under
 // the link lock.
 volatile exception_data* last_block(volatile exception_data* first) noexcept {
-    const last_block_entry& entry = last_block_entry_of(first);
-    volatile exception_data* last =
-        entry.first_.load(std::memory_order_relaxed) == first ? entry.last_ : first;
+    const last_block_entry* entry = last_block_entry_of(last_block_set_of(first), first);
+    volatile exception_data* last = entry != nullptr ? entry->last_ : first;
     while (volatile exception_data* next = last->next())
         last = next;
     return last;
 }
 
+// Records that the chain behind `first` now ends at `last`; under the link
+// lock. A released block's entry reads as never extended.
+void remember_last_block(volatile exception_data* first, volatile exception_data* last) noexcept {
+    last_block_set& set = last_block_set_of(first);
+    last_block_entry* entry = last_block_entry_of(set, first);
+    if (entry == nullptr) {
+        const auto age = [](const last_block_entry& e) {
+            return e.first_.load(std::memory_order_relaxed) == nullptr ? 0 : e.extended_;
+        };
+        entry = &set[0];
+        for (last_block_entry& other : set)
+            if (age(other) < age(*entry))
+                entry = &other;
+    }
+    entry->last_ = last;
+    entry->extended_ = ++g_appends;
+    entry->first_.store(first, std::memory_order_relaxed);
+}
+
 void forget_last_block(const volatile exception_data* released) noexcept {
-    std::atomic<const volatile exception_data*>& first = last_block_entry_of(released).first_;
-    if (first.load(std::memory_order_relaxed) == released)
-        first.compare_exchange_strong(released, nullptr, std::memory_order_relaxed);
+    for (last_block_entry& entry : last_block_set_of(released)) {
+        const volatile exception_data* expected = released;
+        if (entry.first_.load(std::memory_order_relaxed) == released)
+            entry.first_.compare_exchange_strong(expected, nullptr, std::memory_order_relaxed);
+    }
 }
 const exception* const NOT_REGISTERED = reinterpret_cast<const exception*>(uintptr_t{1});
 const char* const UNDEFINED_FILE_NAME = "UNDEFINED FILE NAME";
@@ -313,9 +355,7 @@ void exception::append_exp(const exception& a) noexcept {
     // release store publishes it to the walkers, which read it with acquire.
     __atomic_store_n(&last->p_next_, a.p_fst_, __ATOMIC_RELEASE);
     a.p_fst_->update_pred(last);
-    last_block_entry& entry = last_block_entry_of(p_fst_);
-    entry.last_ = a_last;
-    entry.first_.store(p_fst_, std::memory_order_relaxed);
+    remember_last_block(p_fst_, a_last);
     p_fst_->clear_done();
     // No separate fence: the link was published by a release store and the
     // predecessor word by a release of its slot lock, which order every
