@@ -1,7 +1,7 @@
 // The exception handle: what a forgotten-exception hook may do, comparison,
-// assignment to itself, copies into a holder, a throw that returns. (Which
-// inspections silence the report, and copies and assignments releasing their
-// blocks, are the exception fuzz target's part.)
+// copies into a holder, a throw that returns. (Which inspections silence the
+// report, and copies and assignments, to itself too, releasing their blocks
+// and moving registrations, are the exception fuzz target's part.)
 #include <string>
 
 #include <gtest/gtest.h>
@@ -64,15 +64,6 @@ TEST_F(ExceptionLifecycle, ComparisonIdentityAndTheEmptyException) {
     vrk_test::settings().basename_files = true;
     vrk::exception b("dir/sub/b.cpp", 3, CODE5);
     EXPECT_STREQ(b.file().get(), "b.cpp");
-
-    // Assigning an exception to itself changes no registration.
-    e.register_on_thread();
-    vrk_test::thread_events().clear();
-    vrk::exception& same = e;
-    e = same;
-    EXPECT_TRUE(vrk_test::thread_events().empty());
-    EXPECT_EQ(vrk::exception::get_first_registered(), &e);
-    e.unregister_on_thread();
 }
 
 // Text constructors and throwing with the right class: the throw site's

@@ -38,8 +38,7 @@ class scripted_buf : public vrk::basic_streambuf<char> {
 public:
     enum action { REFUSE, THROW_VRK, THROW_STD, THROW_INT, CANCEL_THREAD };
 
-    explicit scripted_buf(size_t cap = 256, action on_overflow = REFUSE)
-        : on_overflow_(on_overflow) {
+    explicit scripted_buf(size_t cap = 256, action act = REFUSE) : on_overflow(act) {
         setp(data_, data_ + cap);
     }
     void set_input(const std::string& text) {
@@ -48,8 +47,8 @@ public:
     }
     std::string text() const { return std::string(pbase(), pptr()); }
 
-    int syncs = 0;
-    int sync_result = 0;
+    int syncs = 0, sync_result = 0;
+    action on_overflow;
 
 protected:
     int sync() override {
@@ -57,7 +56,7 @@ protected:
         return sync_result;
     }
     int overflow(int c) override {
-        switch (on_overflow_) {
+        switch (on_overflow) {
         case REFUSE:
             return -1;
         case THROW_VRK:
@@ -76,7 +75,6 @@ protected:
     }
 
 private:
-    action on_overflow_;
     char data_[4096];
     std::string input_;
 };
@@ -112,16 +110,11 @@ TEST_F(IosErrors, FailedStreamWritesNothingAndRaisesOnlyUnderTheMask) {
 
     os.clear(ios_base::eofbit);
     os.exceptions(ios_base::failbit);
-    try {
-        os << "x";
-        FAIL() << "no failure raised";
-    } catch (const vrk::ios_failure& e) {
-        EXPECT_STREQ(e.what(), "basic_ios::clear");
-        EXPECT_STREQ(e.file().get(), "sys/src/vrk/ios");
-        EXPECT_GT(e.line(), 0);
-        EXPECT_EQ(e.error_no(), vrk::ERR_VRK_IOS.number());
-        e.mark_processed();
-    }
+    const vrk::exception e = vrk_test::raised<vrk::ios_failure>([&] { os << "x"; });
+    EXPECT_STREQ(e.what(), "basic_ios::clear");
+    EXPECT_STREQ(e.file().get(), "sys/src/vrk/ios");
+    EXPECT_GT(e.line(), 0);
+    EXPECT_EQ(e.error_no(), vrk::ERR_VRK_IOS.number());
     EXPECT_EQ(os.rdstate(), ios_base::eofbit | ios_base::failbit);
     EXPECT_EQ(buf.text(), "");
     // Setting a mask that covers the current state raises at once.
@@ -136,55 +129,37 @@ TEST_F(IosErrors, FailedStreamWritesNothingAndRaisesOnlyUnderTheMask) {
 // Our exceptions from the buffer or a facet are dumped, or rethrown under
 // badbit; standard ones rethrown under the mask; other throws pass untouched.
 TEST_F(IosErrors, ExceptionsFromTheBufferAndFacets) {
-    {
-        scripted_buf buf(2, scripted_buf::THROW_VRK);
-        vrk::ostream os(&buf);
-        os << "abc"
-           << "d";
-        EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
-        EXPECT_EQ(counters().caught, 1);
-        EXPECT_EQ(buf.text(), "ab");
-    }
-    {
-        scripted_buf buf(2, scripted_buf::THROW_VRK);
-        vrk::ostream os(&buf);
-        os.exceptions(ios_base::badbit);
-        try {
-            os << "abc";
-            FAIL() << "the buffer's exception did not arrive";
-        } catch (const vrk::runtime_error& e) {
-            EXPECT_EQ(e.error_no(), 4711);
-            EXPECT_STREQ(e.what(), "buffer broke");
-            EXPECT_STREQ(e.file().get(), "sys/src/vrk/test");
-            e.mark_processed();
-        }
-        EXPECT_EQ(os.rdstate(), ios_base::badbit);
-        EXPECT_EQ(counters().caught, 1);
-    }
-    {
-        // The same from the num_put facet.
-        throwing_num_put facet;
-        scripted_buf buf;
-        vrk::ostream os(&buf);
-        os.imbue(vrk::locale(vrk::locale::classic(), vrk::num_put::id, &facet));
-        os << 5L;
-        EXPECT_EQ(os.rdstate(), ios_base::badbit);
-    }
-    {
-        // A standard exception: absorption without the mask is compared with
-        // the standard streams by the streams fuzz target.
-        scripted_buf buf(0, scripted_buf::THROW_STD);
-        vrk::ostream os(&buf);
-        os.exceptions(ios_base::badbit);
-        EXPECT_THROW(os.put('x'), std::runtime_error);
-        EXPECT_EQ(os.rdstate(), ios_base::badbit);
-    }
-    {
-        scripted_buf buf(0, scripted_buf::THROW_INT);
-        vrk::ostream os(&buf);
-        EXPECT_THROW(os << "x", int);
-        EXPECT_EQ(os.rdstate(), ios_base::goodbit);
-    }
+    throwing_num_put facet;
+    scripted_buf buf(2, scripted_buf::THROW_VRK);
+    vrk::ostream os(&buf);
+    os << "abc"
+       << "d";
+    EXPECT_EQ(os.rdstate(), ios_base::badbit | ios_base::failbit);
+    EXPECT_EQ(buf.text(), "ab");
+    os.clear(); // the same from the num_put facet
+    os.imbue(vrk::locale(vrk::locale::classic(), vrk::num_put::id, &facet));
+    os << 5L;
+    EXPECT_EQ(os.rdstate(), ios_base::badbit);
+    EXPECT_EQ(counters().caught, 2);
+    os.clear();
+    os.exceptions(ios_base::badbit);
+    const vrk::exception e = vrk_test::raised<vrk::runtime_error>([&] { os << "abc"; });
+    EXPECT_EQ(e.error_no(), 4711);
+    EXPECT_STREQ(e.what(), "buffer broke");
+    EXPECT_STREQ(e.file().get(), "sys/src/vrk/test");
+    EXPECT_EQ(os.rdstate(), ios_base::badbit);
+
+    // A standard exception: absorption without the mask is compared with the
+    // standard streams by the streams fuzz target.
+    scripted_buf other(0, scripted_buf::THROW_STD);
+    vrk::ostream std_os(&other);
+    std_os.exceptions(ios_base::badbit);
+    EXPECT_THROW(std_os.put('x'), std::runtime_error);
+    EXPECT_EQ(std_os.rdstate(), ios_base::badbit);
+    std_os.clear();
+    other.on_overflow = scripted_buf::THROW_INT;
+    EXPECT_THROW(std_os << "x", int);
+    EXPECT_EQ(std_os.rdstate(), ios_base::goodbit);
     EXPECT_EQ(counters().caught, 2) << "only our exceptions are dumped";
     EXPECT_EQ(counters().forgotten, 0);
 }
@@ -258,15 +233,10 @@ TEST_F(IosErrors, GuardSuspendsTheMaskAndRestoresTheWidth) {
 
 TEST_F(IosErrors, NullFacetFailsWhereAFacetIsNeededWhateverTheMask) {
     auto expect_null_facet = [](auto&& op) {
-        try {
-            op();
-            ADD_FAILURE() << "no missing-facet failure";
-        } catch (const vrk::null_facet_error& e) {
-            EXPECT_STREQ(e.file().get(), "sys/src/vrk/ios");
-            EXPECT_EQ(e.line(), 75);
-            EXPECT_STREQ(e.what(), vrk::null_facet_error::TEXT);
-            e.mark_processed();
-        }
+        const vrk::exception e = vrk_test::raised<vrk::null_facet_error>(op);
+        EXPECT_STREQ(e.file().get(), "sys/src/vrk/ios");
+        EXPECT_EQ(e.line(), 75);
+        EXPECT_STREQ(e.what(), vrk::null_facet_error::TEXT);
     };
     scripted_buf buf;
     vrk::ostream os(&buf);

@@ -105,13 +105,10 @@ TEST_F(StringTest, ReturnValuesHandTheirShareOnAndRawStorageHasLimits) {
 
     // Nothing for 0, the bad-allocation error above 2^64 - 9, unasked.
     EXPECT_EQ(vrk::allocate_raw_chunk<char>(0, ta_).get(), nullptr);
-    try {
-        vrk::allocate_raw_chunk<char>(~size_t{0} - 7, ta_);
-        ADD_FAILURE() << "no exception";
-    } catch (const vrk::exception& e) {
-        e.mark_processed();
-        EXPECT_STREQ(e.what(), "Bad allocation of 18446744073709551608 bytes");
-    }
+    EXPECT_STREQ(vrk_test::raised<vrk::exception>([&] {
+                     vrk::allocate_raw_chunk<char>(~size_t{0} - 7, ta_);
+                 }).what(),
+                 "Bad allocation of 18446744073709551608 bytes");
     EXPECT_EQ(ta_.requests(), 1);
     EXPECT_EQ(a.max_size(), size_t{0x7fffffffffffffff}) << "the largest size that passes";
 }

@@ -27,23 +27,17 @@ __attribute__((noinline)) void throw_overflow(const vrk::exception* cause) {
 }
 
 TEST_F(Throw, ThrowsItsClassWithFileLineRegistrationAndStackStart) {
-    try {
-        throw_overflow(nullptr);
-        ADD_FAILURE() << "nothing thrown";
-    } catch (const vrk::overflow_error& e) {
-        EXPECT_EQ(e.error_no(), 4711);
-        EXPECT_STREQ(e.file().get(), __FILE__);
-        EXPECT_EQ(e.line(), g_throw_line);
-        // The test host records the caller position given to the
-        // constructor as the first frame: an address inside throw_overflow,
-        // not throw_overflow's own return address.
-        void** frames = nullptr;
-        ASSERT_EQ(e.stack_trace(&frames), 3);
-        EXPECT_NE(frames[0], g_throw_site_return);
-        EXPECT_GT(reinterpret_cast<uintptr_t>(frames[0]),
-                  reinterpret_cast<uintptr_t>(&throw_overflow));
-        e.mark_processed();
-    }
+    const vrk::exception e = vrk_test::raised<vrk::overflow_error>([] { throw_overflow(nullptr); });
+    EXPECT_EQ(e.error_no(), 4711);
+    EXPECT_STREQ(e.file().get(), __FILE__);
+    EXPECT_EQ(e.line(), g_throw_line);
+    // The test host records the caller position given to the constructor as
+    // the first frame: an address inside throw_overflow, not throw_overflow's
+    // own return address.
+    void** frames = nullptr;
+    ASSERT_EQ(e.stack_trace(&frames), 3);
+    EXPECT_NE(frames[0], g_throw_site_return);
+    EXPECT_GT(reinterpret_cast<uintptr_t>(frames[0]), reinterpret_cast<uintptr_t>(&throw_overflow));
     EXPECT_EQ(vrk_test::counters().forgotten, 0);
 }
 
@@ -96,34 +90,27 @@ TEST_F(Throw, SwallowedThrowIsReportedExactlyOnce) {
 
 TEST_F(Throw, OtherFormsOfTheThrowSite) {
     // A message text instead of an error code: the class's own number.
-    try {
-        VRK_THROW(vrk::underflow_error, "broken invariant");
-    } catch (const vrk::underflow_error& e) {
-        EXPECT_STREQ(e.what(), "broken invariant");
-        EXPECT_EQ(e.error_no(), vrk::ERR_VRK_UNDERFLOW.number());
-        e.mark_processed();
-    }
+    const vrk::exception text = vrk_test::raised<vrk::underflow_error>(
+        [] { VRK_THROW(vrk::underflow_error, "broken invariant"); });
+    EXPECT_STREQ(text.what(), "broken invariant");
+    EXPECT_EQ(text.error_no(), vrk::ERR_VRK_UNDERFLOW.number());
     // A helper raising for its caller: file and line given, the stack
     // starts where it says, or is not taken at all.
     static const int marker = 0;
-    try {
-        VRK_THROW_AT_CALLER("sys/src/vrk/ios", 12, &marker, vrk::runtime_error, "helper");
-    } catch (const vrk::runtime_error& e) {
-        EXPECT_STREQ(e.file().get(), "sys/src/vrk/ios");
-        EXPECT_EQ(e.line(), 12);
-        void** frames = nullptr;
-        ASSERT_EQ(e.stack_trace(&frames), 3);
-        EXPECT_EQ(frames[0], &marker);
-        e.mark_processed();
-    }
+    const vrk::exception helper = vrk_test::raised<vrk::runtime_error>(
+        [] { VRK_THROW_AT_CALLER("sys/src/vrk/ios", 12, &marker, vrk::runtime_error, "helper"); });
+    EXPECT_STREQ(helper.file().get(), "sys/src/vrk/ios");
+    EXPECT_EQ(helper.line(), 12);
+    void** frames = nullptr;
+    ASSERT_EQ(helper.stack_trace(&frames), 3);
+    EXPECT_EQ(frames[0], &marker);
     const int captures = vrk_test::counters().captures;
-    try {
-        VRK_THROW_AT_CALLER("sys/src/vrk/ios", 13, vrk_test::NO_STACK, vrk::exception, CODE);
-    } catch (const vrk::exception& e) {
-        EXPECT_EQ(e.stack_trace(nullptr), 0);
-        EXPECT_EQ(vrk_test::counters().captures, captures);
-        e.mark_processed();
-    }
+    EXPECT_EQ(vrk_test::raised<vrk::exception>([] {
+                  VRK_THROW_AT_CALLER("sys/src/vrk/ios", 13, vrk_test::NO_STACK, vrk::exception,
+                                      CODE);
+              }).stack_trace(nullptr),
+              0);
+    EXPECT_EQ(vrk_test::counters().captures, captures);
 }
 
 // A product class with a do_throw of its own: the throw site leaves the

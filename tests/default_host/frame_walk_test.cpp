@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -155,25 +156,33 @@ TEST(FrameWalk, CaptureGoesOnPastASignalFrame) {
         << "the function that raised the signal is on the recorded stack";
 }
 
-// Both builds call back from 16 bytes into vrk_reload_call.
+// Both builds call back from 16 bytes into vrk_reload_call. Each is opened
+// by a relative path and named after a change of directory: its symbol
+// table is still read from its file.
 TEST(FrameWalk, LibraryReplacedAtTheSameAddress) {
     using call_fn = int (*)(int (*)(void*), void*);
     call_fn first = nullptr;
-    for (const char* path : {VRK_RELOAD_A, VRK_RELOAD_B}) {
-        void* lib = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    for (const std::string path : {VRK_RELOAD_A, VRK_RELOAD_B}) {
+        const size_t slash = path.rfind('/');
+        ASSERT_EQ(chdir(path.substr(0, slash).c_str()), 0);
+        void* lib = dlopen(std::string(".").append(path, slash).c_str(), RTLD_NOW | RTLD_LOCAL);
+        ASSERT_EQ(chdir("/"), 0);
         ASSERT_NE(lib, nullptr) << dlerror();
-        const auto call = reinterpret_cast<call_fn>(dlsym(lib, "vrk_reload_call"));
-        ASSERT_NE(call, nullptr);
-        first = first != nullptr ? first : call;
-        if (call != first) {
-            dlclose(lib);
-            GTEST_SKIP() << "the loader put the second build at another address";
-        }
         // Named from this build, not from the one unloaded at its addresses.
         const auto local = *static_cast<char* const*>(dlsym(lib, "vrk_reload_local_at"));
         const vrk::host::frame_info named = vrk::host::frame_names().resolve(local + 1);
         EXPECT_STREQ(named.p_function_, "vrk_reload_local") << path;
         EXPECT_EQ(named.function_offset_, 1u) << path;
+        const auto call = reinterpret_cast<call_fn>(dlsym(lib, "vrk_reload_call"));
+        ASSERT_NE(call, nullptr);
+        first = first != nullptr ? first : call;
+        if (call != first) {
+            dlclose(lib);
+            ASSERT_EQ(chdir(cwd), 0);
+            GTEST_SKIP() << "the loader put the second build at another address";
+        }
         for (int round = 0; round < 2; ++round) { // cold, then from the rule table
             both r;
             call(create_exception, &r);
@@ -183,6 +192,7 @@ TEST(FrameWalk, LibraryReplacedAtTheSameAddress) {
         }
         dlclose(lib);
     }
+    EXPECT_EQ(chdir(cwd), 0);
 }
 
 } // namespace

@@ -5,7 +5,6 @@
 // standard library's thread machinery shown as a count.
 #include <dlfcn.h>
 #include <link.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -154,27 +153,6 @@ TEST(DefaultHostStackPrint, RuntimeMachineryIsTheLibrarysOwnFramesOnly) {
              {"app::f(std::thread::_State_impl<int>*)", false},
              {"bool std::operator< <int>(int, std::_Bind<int>)", false}})
         EXPECT_EQ(vrk::host::is_runtime_machinery(name), machinery) << name;
-}
-
-// A library opened by a relative path is listed under that path; after a
-// change of directory its symbol table is still read from its file.
-TEST(DefaultHostStackPrint, LibraryOpenedByRelativePathIsNamedAfterChdir) {
-    const std::string path = VRK_RELOAD_B;
-    const size_t slash = path.rfind('/');
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    ASSERT_EQ(chdir(path.substr(0, slash).c_str()), 0);
-    void* lib = dlopen(std::string(".").append(path, slash).c_str(), RTLD_NOW | RTLD_LOCAL);
-    ASSERT_EQ(chdir("/"), 0);
-    ASSERT_NE(lib, nullptr) << dlerror();
-    const auto* local = static_cast<char* const*>(dlsym(lib, "vrk_reload_local_at"));
-    ASSERT_NE(local, nullptr);
-    {
-        vrk::host::frame_names names;
-        EXPECT_STREQ(names.resolve(*local + 1).p_function_, "vrk_reload_local");
-    }
-    dlclose(lib);
-    EXPECT_EQ(chdir(cwd), 0);
 }
 
 // The symbol table of this program as traces read it: a function of an

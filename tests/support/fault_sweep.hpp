@@ -30,7 +30,6 @@ struct fault_point {
     bool fails(long n) const noexcept {
         return mode == AT ? n == index : mode == FROM ? n >= index : false;
     }
-    bool any_failed() const noexcept { return alloc.failures() > 0; }
     std::string label() const {
         return mode == NONE
                    ? "no failure"

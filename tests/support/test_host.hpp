@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,18 @@ test_allocator& default_test_allocator();
 void set_default_allocator(vrk::allocator* a); // null restores the test one
 
 void reset_host();
+
+// Runs `op`, which must raise an E; returns a copy of it, marked processed.
+// Raising nothing fails the test with a standard exception.
+template <class E, class F> vrk::exception raised(F&& op) {
+    try {
+        op();
+    } catch (const E& e) {
+        e.mark_processed();
+        return e;
+    }
+    throw std::logic_error("nothing raised");
+}
 
 // Resets the host before each test; afterwards checks that the default
 // allocator got back everything it handed out and nothing was released twice.
