@@ -141,6 +141,11 @@ TEST_F(ExceptionPrint, PrefixTextFollowsEveryStreamSetUp) {
         EXPECT_EQ(os.fill(), fill);
         EXPECT_EQ(os.width(), 0);
     }
+    // A pending width pads the first piece, "exception", and is kept after.
+    vrk::osstream wide(heap);
+    wide.width(12);
+    e.print_default(wide, true, true);
+    EXPECT_EQ(vrk_test::text_of(wide.str()), "   " + std::string(LONG_TWO_NODES));
     // A negative number and a file name longer than the assembled piece.
     const std::string name(300, 'n');
     exception neg(name.c_str(), -7, vrk::error_code{-12, "m", nullptr}, NO_STACK);

@@ -216,7 +216,7 @@ TEST(IosBuffering, UnitbufTieAndEndlSyncTheBuffer) {
 }
 
 // The format the guard puts back is checked where exceptions are printed.
-TEST_F(IosErrors, GuardSuspendsTheMaskAndRestoresTheWidth) {
+TEST_F(IosErrors, GuardSuspendsTheMaskAndRestoresWidthAndFill) {
     scripted_buf buf(1);
     vrk::ostream os(&buf);
     os.exceptions(ios_base::badbit);
@@ -225,7 +225,9 @@ TEST_F(IosErrors, GuardSuspendsTheMaskAndRestoresTheWidth) {
         vrk::ios::stream_guard guard(os, ios_base::goodbit);
         os << "abc"; // short write: badbit, but nothing is raised here
         EXPECT_EQ(os.exceptions(), ios_base::goodbit);
+        os.fill('#');
     }
+    EXPECT_EQ(os.fill(), ' ');
     EXPECT_EQ(os.exceptions(), ios_base::badbit);
     EXPECT_EQ(os.rdstate(), ios_base::badbit);
     EXPECT_EQ(os.width(), 9);

@@ -158,6 +158,12 @@ TEST_F(MessageList, ProcessedFlagIgnoredCallsAndAppendsThroughACopy) {
     vrk::message_iterator it = ++e.begin();
     EXPECT_EQ(by_buffer(*++it), "by original");
     EXPECT_EQ(by_buffer(*++it), "by copy");
+    // A handle taken from a chain appends behind its block's last message.
+    exception head("f", 5, CODE, NO_STACK);
+    head << e;
+    head.get_next().append_message("g", 5, 7, "by chain");
+    ASSERT_NE(++it, e.end());
+    EXPECT_EQ(by_buffer(*it), "by chain");
 }
 
 TEST_F(MessageList, LookupWalksTheChainAndMarksWhatItVisits) {

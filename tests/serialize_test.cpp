@@ -86,6 +86,10 @@ TEST_F(Serialize, GoldenBytesDecodeAndEncodeAgainUnchanged) {
     EXPECT_EQ(vrk_test::counters().forgotten.load(), 0) << "serializing handles it";
     read(golden).reset();
     EXPECT_EQ(vrk_test::counters().forgotten.load(), 1) << "dropped without a look";
+    // A message appended to what was read goes behind the first exception's.
+    auto again = read(golden);
+    again->append_message("f", 1, 2, "added");
+    EXPECT_NE(short_form(*again).find("of 5\nexception 2: added\nexception 7"), std::string::npos);
 }
 
 // An exception whose data block could not be allocated: number, line and
