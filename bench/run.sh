@@ -43,23 +43,27 @@ medians = {}
 order = []
 for path in sys.argv[1:]:
     with open(path) as f:
-        for b in json.load(f)["benchmarks"]:
-            if b.get("aggregate_name") != "median":
-                continue
-            name = b["run_name"]
-            # Thread counts and real-time markers are part of the run's name.
-            parts = [p for p in name.split("/") if p != "real_time" and not p.startswith("threads:")]
-            # The implementation is the last part that is not an argument.
-            i = max(k for k, p in enumerate(parts) if not p.lstrip("-").isdigit())
-            impl = parts[i]
-            case = "/".join(parts[:i] + parts[i + 1:])
-            scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b.get("time_unit", "ns")]
-            # Multi-threaded cases are measured in real time.
-            t = b["real_time" if "real_time" in name.split("/") else "cpu_time"] * scale
-            if case not in medians:
-                medians[case] = {}
-                order.append(case)
-            medians[case][impl] = t
+        text = f.read()
+    # A binary none of whose cases a --benchmark_filter matched writes nothing.
+    if not text.strip():
+        continue
+    for b in json.loads(text)["benchmarks"]:
+        if b.get("aggregate_name") != "median":
+            continue
+        name = b["run_name"]
+        # Thread counts and real-time markers are part of the run's name.
+        parts = [p for p in name.split("/") if p != "real_time" and not p.startswith("threads:")]
+        # The implementation is the last part that is not an argument.
+        i = max(k for k, p in enumerate(parts) if not p.lstrip("-").isdigit())
+        impl = parts[i]
+        case = "/".join(parts[:i] + parts[i + 1:])
+        scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b.get("time_unit", "ns")]
+        # Multi-threaded cases are measured in real time.
+        t = b["real_time" if "real_time" in name.split("/") else "cpu_time"] * scale
+        if case not in medians:
+            medians[case] = {}
+            order.append(case)
+        medians[case][impl] = t
 
 rows = []
 for case in order:
@@ -69,6 +73,8 @@ for case in order:
     for peer, t in impls.items():
         if peer != "vrk":
             rows.append((case, impls["vrk"], peer, t, impls["vrk"] / t))
+if not rows:
+    sys.exit("no pair of ours and a peer ran")
 w = max(len(r[0]) for r in rows)
 print(f"{'case':<{w}}  {'ours ns':>10}  {'peer':<16} {'peer ns':>10}  {'ratio':>6}")
 for case, ours, peer, t, ratio in rows:
