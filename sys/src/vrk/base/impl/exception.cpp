@@ -32,26 +32,31 @@ std::mutex g_link_lock;
 // behind it stay linked and its chain grows only at the end, so `last` is
 // still in that chain and the search goes on from there; every block's
 // release clears its own entry before its memory can come back as another
-// block. `first_` and `last_` are written under the link lock; the release
-// reads and clears `first_` without it.
+// block. Entries are written under the link lock; the release reads and
+// clears `first_` without it.
 //
-// The entries are sets of four, chosen by a multiplicative hash of the
+// Entries come in sets of eight, chosen by a multiplicative hash of the
 // block's address: blocks made one after another lie at equal distances,
-// which a plain remainder maps onto a fraction of the entries, and two chains
-// that grow in turn would then evict each other at every append and walk
-// from the start each time. A set keeps four chains; a fifth takes the place
-// of the one extended longest ago. An append whose chain lost its entry walks
-// from the start, as without the table.
-struct last_block_entry {
-    std::atomic<const volatile exception_data*> first_{nullptr};
-    volatile exception_data* last_ = nullptr;
-    uint64_t extended_ = 0; // the append count when written; under the link lock
+// which a plain remainder maps onto a fraction of the entries, and chains
+// growing in turn would evict each other at every append and walk from the
+// start each time. A set's first blocks share one cache line, the one a
+// release reads. A chain that finds no entry takes the free one or the one
+// extended longest ago, and enters as the oldest: when more chains than a
+// set holds grow in turn, the newcomers take turns in one entry and the
+// others keep theirs, where taking the oldest place each time would make
+// every append miss. Every eighth newcomer enters as the newest, so that
+// entries of chains that stopped growing give way. An append whose chain
+// has no entry walks from the start, as without the table.
+constexpr size_t LAST_BLOCK_WAYS = 8;
+struct alignas(64) last_block_set {
+    std::atomic<const volatile exception_data*> first_[LAST_BLOCK_WAYS] = {};
+    volatile exception_data* last_[LAST_BLOCK_WAYS] = {};
+    uint64_t extended_[LAST_BLOCK_WAYS] = {}; // append counts, larger is newer
 };
-constexpr size_t LAST_BLOCK_WAYS = 4;
-constexpr unsigned LAST_BLOCK_SET_BITS = 6;
-using last_block_set = last_block_entry[LAST_BLOCK_WAYS];
+constexpr unsigned LAST_BLOCK_SET_BITS = 5;
 last_block_set g_last_blocks[1u << LAST_BLOCK_SET_BITS];
-uint64_t g_appends = 0; // under the link lock
+uint64_t g_appends = 0;   // under the link lock
+uint64_t g_newcomers = 0; // under the link lock
 
 last_block_set& last_block_set_of(const volatile exception_data* block) noexcept {
     // Blocks are 16-byte aligned: the low four bits say nothing.
@@ -59,49 +64,54 @@ last_block_set& last_block_set_of(const volatile exception_data* block) noexcept
     return g_last_blocks[(key * 0x9E3779B97F4A7C15u) >> (64 - LAST_BLOCK_SET_BITS)];
 }
 
-// The entry of `first` in its set, or null; under the link lock.
-last_block_entry* last_block_entry_of(last_block_set& set,
-                                      const volatile exception_data* first) noexcept {
-    for (last_block_entry& entry : set)
-        if (entry.first_.load(std::memory_order_relaxed) == first)
-            return &entry;
-    return nullptr;
+// The way of `first` in its set, or LAST_BLOCK_WAYS; under the link lock.
+size_t last_block_way(const last_block_set& set, const volatile exception_data* first) noexcept {
+    size_t way = 0;
+    while (way < LAST_BLOCK_WAYS && set.first_[way].load(std::memory_order_relaxed) != first)
+        ++way;
+    return way;
 }
 
 // The last block of the chain behind `first`, which the caller holds; under
 // the link lock.
 volatile exception_data* last_block(volatile exception_data* first) noexcept {
-    const last_block_entry* entry = last_block_entry_of(last_block_set_of(first), first);
-    volatile exception_data* last = entry != nullptr ? entry->last_ : first;
+    const last_block_set& set = last_block_set_of(first);
+    const size_t way = last_block_way(set, first);
+    volatile exception_data* last = way < LAST_BLOCK_WAYS ? set.last_[way] : first;
     while (volatile exception_data* next = last->next())
         last = next;
     return last;
 }
 
 // Records that the chain behind `first` now ends at `last`; under the link
-// lock. A released block's entry reads as never extended.
+// lock.
 void remember_last_block(volatile exception_data* first, volatile exception_data* last) noexcept {
     last_block_set& set = last_block_set_of(first);
-    last_block_entry* entry = last_block_entry_of(set, first);
-    if (entry == nullptr) {
-        const auto age = [](const last_block_entry& e) {
-            return e.first_.load(std::memory_order_relaxed) == nullptr ? 0 : e.extended_;
+    size_t way = last_block_way(set, first);
+    uint64_t extended = ++g_appends;
+    if (way == LAST_BLOCK_WAYS) {
+        // A released block's entry is free: the oldest of all.
+        const auto age = [&set](size_t w) {
+            return set.first_[w].load(std::memory_order_relaxed) == nullptr ? 0 : set.extended_[w];
         };
-        entry = &set[0];
-        for (last_block_entry& other : set)
-            if (age(other) < age(*entry))
-                entry = &other;
+        way = 0;
+        for (size_t w = 1; w < LAST_BLOCK_WAYS; ++w)
+            if (age(w) < age(way))
+                way = w;
+        if (++g_newcomers % 8 != 0)
+            extended = age(way);
     }
-    entry->last_ = last;
-    entry->extended_ = ++g_appends;
-    entry->first_.store(first, std::memory_order_relaxed);
+    set.last_[way] = last;
+    set.extended_[way] = extended;
+    set.first_[way].store(first, std::memory_order_relaxed);
 }
 
 void forget_last_block(const volatile exception_data* released) noexcept {
-    for (last_block_entry& entry : last_block_set_of(released)) {
+    last_block_set& set = last_block_set_of(released);
+    for (std::atomic<const volatile exception_data*>& first : set.first_) {
         const volatile exception_data* expected = released;
-        if (entry.first_.load(std::memory_order_relaxed) == released)
-            entry.first_.compare_exchange_strong(expected, nullptr, std::memory_order_relaxed);
+        if (first.load(std::memory_order_relaxed) == released)
+            first.compare_exchange_strong(expected, nullptr, std::memory_order_relaxed);
     }
 }
 const exception* const NOT_REGISTERED = reinterpret_cast<const exception*>(uintptr_t{1});
