@@ -4,6 +4,7 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -98,8 +99,10 @@ void remember_last_block(volatile exception_data* first, volatile exception_data
         for (size_t w = 1; w < LAST_BLOCK_WAYS; ++w)
             if (age(w) < age(way))
                 way = w;
+        // Age 1, not a free entry's 0: the next newcomer takes a free entry
+        // before this one. Live entries are 1 or more.
         if (++g_newcomers % 8 != 0)
-            extended = age(way);
+            extended = std::max<uint64_t>(age(way), 1);
     }
     set.last_[way] = last;
     set.extended_[way] = extended;
